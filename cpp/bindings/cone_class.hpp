@@ -1,0 +1,81 @@
+// The binding side of a cone: BoundCone<Core> adds to a core cone class only
+// the array-taking methods (nanobind arrays in, views built by the core), and
+// register_cone_head registers the methods every cone shares, in order.
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+#include "bindings/arrays.hpp"
+#include "cones/dense.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+template <class Core>
+class BoundCone : public Core {
+public:
+    using Core::Core;
+
+    void project_into(ReadVector input, WriteVector output, uint64_t stream) const {
+        Core::project_into(array_ref(input), array_ref(output), stream);
+    }
+    double violation(ReadVector input) const { return Core::violation(array_ref(input)); }
+    bool contains(ReadVector input, double atol) const {
+        return Core::contains(array_ref(input), atol);
+    }
+
+    nb::list unit_vector(uint64_t index) const {
+        return to_list(UnitVectors::list(this->rows(), index));
+    }
+    nb::object unit_vector_array(uint64_t index) const {
+        return to_numpy(UnitVectors::array(this->rows(), index));
+    }
+    void unit_vector_into(uint64_t index, WriteVector output) const {
+        UnitVectors::into(this->rows(), index, array_ref(output));
+    }
+
+    nb::list nt_scaling_matrix(ReadVector s, ReadVector z) const {
+        return to_list(Core::nt_scaling_matrix(array_ref(s), array_ref(z)));
+    }
+    nb::object nt_scaling_matrix_array(ReadVector s, ReadVector z) const {
+        return to_numpy(Core::nt_scaling_matrix_array(array_ref(s), array_ref(z)));
+    }
+    void nt_scaling_matrix_into(ReadVector s, ReadVector z, WriteVector output,
+                                uint64_t stream) const {
+        Core::nt_scaling_matrix_into(array_ref(s), array_ref(z), array_ref(output), stream);
+    }
+    void nt_scaling_matrix_batch_into(ReadVector s, ReadVector z, WriteVector output,
+                                      uint64_t batch, uint64_t stream) const {
+        Core::nt_scaling_matrix_batch_into(array_ref(s), array_ref(z), array_ref(output), batch,
+                                           stream);
+    }
+};
+
+// Creates the class with its constructor (parameter `ctor_arg`), the `dim`
+// and `rows` properties and the methods from project_into through
+// nt_scaling_matrix_batch_into; cone-specific methods follow in the caller.
+template <class Bound, class CtorArg>
+nb::class_<Bound> register_cone_head(nb::module_& m, const char* name, CtorArg ctor_arg) {
+    using namespace nb::literals;
+    nb::class_<Bound> cls(m, name);
+    cls.def(nb::init<uint64_t>(), ctor_arg)
+        .def_prop_ro("dim", [](const Bound& c) { return c.dim(); })
+        .def_prop_ro("rows", [](const Bound& c) { return c.rows(); })
+        .def("project_into", &Bound::project_into, "input"_a.noconvert(), "output"_a.noconvert(),
+             "stream"_a = 0)
+        .def("violation", &Bound::violation, "input"_a.noconvert())
+        .def("contains", &Bound::contains, "input"_a.noconvert(), "atol"_a = 1e-8)
+        .def("unit_vector", &Bound::unit_vector, "index"_a)
+        .def("unit_vector_array", &Bound::unit_vector_array, "index"_a)
+        .def("unit_vector_into", &Bound::unit_vector_into, "index"_a, "output"_a.noconvert())
+        .def("nt_scaling_matrix", &Bound::nt_scaling_matrix, "s"_a.noconvert(), "z"_a.noconvert())
+        .def("nt_scaling_matrix_array", &Bound::nt_scaling_matrix_array, "s"_a.noconvert(),
+             "z"_a.noconvert())
+        .def("nt_scaling_matrix_into", &Bound::nt_scaling_matrix_into, "s"_a.noconvert(),
+             "z"_a.noconvert(), "output"_a.noconvert(), "stream"_a = 0)
+        .def("nt_scaling_matrix_batch_into", &Bound::nt_scaling_matrix_batch_into,
+             "s"_a.noconvert(), "z"_a.noconvert(), "output"_a.noconvert(), "batch"_a,
+             "stream"_a = 0);
+    return cls;
+}
+
+}  // namespace dravik::mirel::cones::cpp

@@ -1,0 +1,12 @@
+// One registration function per group of names, called by the module entry
+// in the order that fixes the module's attributes and registered types.
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+namespace dravik::mirel::cones::cpp {
+
+void register_capabilities(nanobind::module_& m);
+void register_zero_cone(nanobind::module_& m);
+
+}  // namespace dravik::mirel::cones::cpp

@@ -1,0 +1,63 @@
+#include "bindings/views.hpp"
+
+#include <stdexcept>
+
+#include "cuda/dravik_cuda.h"
+
+namespace dravik::mirel::cones::cpp {
+
+void fail(const std::string& message) { throw std::runtime_error(message); }
+
+void check_length(uint64_t actual, uint64_t expected, const char* name) {
+    if (actual != expected) {
+        fail(std::string(name) + " expected " + std::to_string(expected) + " entries, got " +
+             std::to_string(actual));
+    }
+}
+
+static DeviceKind supported_device(int32_t device_type, const char* name) {
+    if (device_type == static_cast<int32_t>(DeviceKind::Cpu)) return DeviceKind::Cpu;
+    if (device_type == static_cast<int32_t>(DeviceKind::Cuda)) return DeviceKind::Cuda;
+    fail(std::string(name) + " must be on CPU or CUDA");
+}
+
+VectorView make_vector_view(const ArrayRef& array, const char* name) {
+    DeviceKind device = supported_device(array.device_type, name);
+    return {static_cast<double*>(array.data), array.size, device, array.device_id};
+}
+
+VectorView checked_vector_view(const ArrayRef& array, uint64_t expected, const char* name) {
+    check_length(array.size, expected, name);
+    return make_vector_view(array, name);
+}
+
+IndexView make_index_view(const ArrayRef& array, const char* name) {
+    DeviceKind device = supported_device(array.device_type, name);
+    return {static_cast<int64_t*>(array.data), array.size, device, array.device_id};
+}
+
+void require_same_device(const VectorView& input, const VectorView& output) {
+    if (!same_device(input, output)) fail("input and output must live on the same device");
+}
+
+void require_same_input_device(const VectorView& a, const VectorView& b) {
+    if (!same_device(a, b)) fail("input vectors must live on the same device");
+}
+
+void require_cuda_runtime() {
+    if (!dravik_cuda_available()) fail("CUDA runtime is required for CUDA cone arrays");
+}
+
+VectorView dense_input_view(const ArrayRef& array, uint64_t length, const char* name) {
+    VectorView view = checked_vector_view(array, length, name);
+    if (is_cuda(view)) fail(std::string(name) + " must be a CPU vector for dense NT scaling");
+    return view;
+}
+
+VectorView dense_output_view(const ArrayRef& array, uint64_t length, const char* name) {
+    VectorView view = checked_vector_view(array, length, name);
+    if (is_cuda(view)) fail(std::string(name) + " must be a CPU vector for dense helper output");
+    return view;
+}
+
+}  // namespace dravik::mirel::cones::cpp

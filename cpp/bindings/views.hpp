@@ -1,0 +1,62 @@
+// Non-owning, device-tagged views of the array arguments of one call, and the
+// checks that turn a wrongly sized or wrongly placed argument into a message
+// before anything is read or written.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace dravik::mirel::cones::cpp {
+
+// DLPack device-type codes of the two memory spaces the system works on.
+enum class DeviceKind : int32_t { Cpu = 1, Cuda = 2 };
+
+// What the binding hands over for one array argument: its first element
+// (byte offset already applied), its single extent and its DLPack device.
+// The device type is kept raw so that unsupported devices can be reported.
+struct ArrayRef {
+    void* data = nullptr;
+    uint64_t size = 0;
+    int32_t device_type = 1;
+    int32_t device_id = 0;
+};
+
+struct VectorView {
+    double* data;
+    uint64_t size;
+    DeviceKind device;
+    int32_t device_id;
+};
+
+struct IndexView {
+    int64_t* data;
+    uint64_t size;
+    DeviceKind device;
+    int32_t device_id;
+};
+
+[[noreturn]] void fail(const std::string& message);
+
+void check_length(uint64_t actual, uint64_t expected, const char* name);
+VectorView make_vector_view(const ArrayRef& array, const char* name);
+VectorView checked_vector_view(const ArrayRef& array, uint64_t expected, const char* name);
+IndexView make_index_view(const ArrayRef& array, const char* name);
+
+inline bool is_cuda(const VectorView& v) { return v.device == DeviceKind::Cuda; }
+inline bool is_cuda(const IndexView& v) { return v.device == DeviceKind::Cuda; }
+
+template <class A, class B>
+bool same_device(const A& a, const B& b) {
+    return a.device == b.device && a.device_id == b.device_id;
+}
+
+void require_same_device(const VectorView& input, const VectorView& output);
+void require_same_input_device(const VectorView& a, const VectorView& b);
+void require_cuda_runtime();
+
+// Host-only dense arguments: the usual length and device checks, then a
+// refusal of CUDA memory with the message of the helper that needs the host.
+VectorView dense_input_view(const ArrayRef& array, uint64_t length, const char* name);
+VectorView dense_output_view(const ArrayRef& array, uint64_t length, const char* name);
+
+}  // namespace dravik::mirel::cones::cpp

@@ -1,0 +1,114 @@
+#include "cones/dense.hpp"
+
+#include <cmath>
+#include <limits>
+#include <string>
+
+#include "cones/parallel.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+namespace {
+
+void require_unit_index(uint64_t n, uint64_t index) {
+    if (index >= n) fail("unit vector index out of range");
+}
+
+// 1.0 at k * (n + 1) for k < n; the block is already zero.
+void write_identity_diagonal(double* m, uint64_t n) {
+    parallel_blocks(n, kDiagonalThreshold, [m, n](uint64_t begin, uint64_t end) {
+        for (uint64_t k = begin; k < end; ++k) m[k * (n + 1)] = 1.0;
+    });
+}
+
+bool positive_entry(double v) { return !(0.0 >= v); }
+
+}  // namespace
+
+std::vector<double> unit_vector_values(uint64_t n, uint64_t index) {
+    require_unit_index(n, index);
+    std::vector<double> v(n, 0.0);
+    v[index] = 1.0;
+    return v;
+}
+
+OwnedArray unit_vector_array(uint64_t n, uint64_t index) {
+    require_unit_index(n, index);
+    OwnedArray out = make_owned_vector(n, "unit vector");
+    out.data()[index] = 1.0;
+    return out;
+}
+
+void fill_unit_vector(double* destination, uint64_t n, uint64_t index) {
+    require_unit_index(n, index);
+    for (uint64_t i = 0; i < n; ++i) destination[i] = 0.0;
+    destination[index] = 1.0;
+}
+
+std::vector<double> identity_values(uint64_t n) {
+    std::vector<double> m(n * n, 0.0);
+    for (uint64_t k = 0; k < n; ++k) m[k * (n + 1)] = 1.0;
+    return m;
+}
+
+OwnedArray identity_array(uint64_t n) {
+    OwnedArray out = make_owned_matrix(n, "identity matrix");
+    write_identity_diagonal(out.data(), n);
+    return out;
+}
+
+OwnedArray dense_matrix_array(const std::vector<double>& values, uint64_t n, const char* what) {
+    if (values.size() != n * n) fail(std::string(what) + " internal dense matrix size mismatch");
+    OwnedArray out = make_owned_matrix(n, what);
+    for (uint64_t i = 0; i < n * n; ++i) out.data()[i] = values[i];
+    return out;
+}
+
+std::vector<double> diagonal_ratio_values(const double* a, const double* b, uint64_t n,
+                                          const char* what) {
+    std::vector<double> m(n * n, 0.0);
+    for (uint64_t i = 0; i < n; ++i) {
+        if (!positive_entry(a[i]) || !positive_entry(b[i])) {
+            fail(std::string(what) + " requires strictly positive interior inputs");
+        }
+        m[i * (n + 1)] = a[i] / b[i];
+    }
+    return m;
+}
+
+OwnedArray diagonal_ratio_array(const double* a, const double* b, uint64_t n, const char* what) {
+    for (uint64_t i = 0; i < n; ++i) {
+        if (!positive_entry(a[i]) || !positive_entry(b[i])) {
+            fail(std::string(what) + " requires strictly positive interior inputs");
+        }
+    }
+    OwnedArray out = make_owned_matrix(n, what);
+    double* m = out.data();
+    parallel_blocks(n, kDiagonalThreshold, [=](uint64_t begin, uint64_t end) {
+        for (uint64_t i = begin; i < end; ++i) m[i * (n + 1)] = a[i] / b[i];
+    });
+    return out;
+}
+
+std::vector<double> rank_two_map_values(const double* a, const double* b, uint64_t n,
+                                        const char* what) {
+    double q = 0.0;
+    for (uint64_t i = 0; i < n; ++i) q += a[i] * a[i];
+    if (!(q > 0.0 && std::fabs(q) <= std::numeric_limits<double>::max())) {
+        fail(std::string(what) + " source vector must have nonzero finite norm");
+    }
+    std::vector<double> m = identity_values(n);
+    std::vector<double> d(n);
+    for (uint64_t i = 0; i < n; ++i) d[i] = b[i] - a[i];
+    double c = 0.0;
+    for (uint64_t i = 0; i < n; ++i) c += d[i] * a[i];
+    double q2 = q * q;
+    for (uint64_t r = 0; r < n; ++r) {
+        for (uint64_t k = 0; k < n; ++k) {
+            m[r * n + k] = m[r * n + k] + ((d[k] * a[r] / q + a[k] * d[r] / q) - a[k] * (a[r] * c) / q2);
+        }
+    }
+    return m;
+}
+
+}  // namespace dravik::mirel::cones::cpp

@@ -1,0 +1,42 @@
+// Small dense builders shared by the cones: unit vectors, the identity, a
+// computed matrix copied into a new array, the positive diagonal ratio
+// diag(a / b) and the symmetric rank-two map that takes a onto b.
+// Matrices are n x n, row-major (entry (r, c) at r * n + c).
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "bindings/owned_array.hpp"
+#include "bindings/views.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+std::vector<double> unit_vector_values(uint64_t n, uint64_t index);
+OwnedArray unit_vector_array(uint64_t n, uint64_t index);
+void fill_unit_vector(double* destination, uint64_t n, uint64_t index);
+
+// The three unit-vector methods of every cone, for a cone of `rows` entries.
+struct UnitVectors {
+    static std::vector<double> list(uint64_t rows, uint64_t index) {
+        return unit_vector_values(rows, index);
+    }
+    static OwnedArray array(uint64_t rows, uint64_t index) { return unit_vector_array(rows, index); }
+    static void into(uint64_t rows, uint64_t index, const ArrayRef& output) {
+        VectorView out = dense_output_view(output, rows, "output");
+        fill_unit_vector(out.data, rows, index);
+    }
+};
+
+std::vector<double> identity_values(uint64_t n);
+OwnedArray identity_array(uint64_t n);
+OwnedArray dense_matrix_array(const std::vector<double>& values, uint64_t n, const char* what);
+
+std::vector<double> diagonal_ratio_values(const double* a, const double* b, uint64_t n,
+                                          const char* what);
+OwnedArray diagonal_ratio_array(const double* a, const double* b, uint64_t n, const char* what);
+
+std::vector<double> rank_two_map_values(const double* a, const double* b, uint64_t n,
+                                        const char* what);
+
+}  // namespace dravik::mirel::cones::cpp

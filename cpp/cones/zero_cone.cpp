@@ -1,0 +1,113 @@
+#include "cones/zero_cone.hpp"
+
+#include <cmath>
+#include <algorithm>
+
+#include "cones/dense.hpp"
+#include "cones/device_call.hpp"
+#include "cones/parallel.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+namespace {
+
+constexpr double kZeroTolerance = 1e-10;
+
+bool is_zero_vector(const double* v, uint64_t n) {
+    return !(std::sqrt(sum_of_squares(v, n)) > kZeroTolerance);
+}
+
+}  // namespace
+
+void ZeroConeCpp::require_zero_pair(const double* s, const double* z, uint64_t n) const {
+    if (!is_zero_vector(s, n) || !is_zero_vector(z, n)) {
+        fail("zero-cone NT scaling requires zero primal and dual vectors");
+    }
+}
+
+void ZeroConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
+                               uint64_t stream) const {
+    VectorView in = checked_vector_view(input, dim_, "input");
+    VectorView out = checked_vector_view(output, dim_, "output");
+    require_same_device(in, out);
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        dravik_zero_project_cuda(in.data, out.data, dim_, in.device_id, as_stream(stream));
+        return;
+    }
+    double* o = out.data;
+    if (dim_ <= kParallelThreshold) {
+        std::fill(o, o + dim_, 0.0);
+        return;
+    }
+    parallel_blocks(dim_, kParallelThreshold,
+                    [o](uint64_t begin, uint64_t end) { std::fill(o + begin, o + end, 0.0); });
+}
+
+double ZeroConeCpp::violation(const ArrayRef& input) const {
+    VectorView in = checked_vector_view(input, dim_, "input");
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        return dravik_zero_violation_cuda(in.data, dim_, in.device_id);
+    }
+    return std::sqrt(sum_of_squares(in.data, dim_));
+}
+
+bool ZeroConeCpp::contains(const ArrayRef& input, double atol) const {
+    VectorView in = checked_vector_view(input, dim_, "input");
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        return dravik_zero_contains_cuda(in.data, dim_, in.device_id, atol);
+    }
+    for (uint64_t i = 0; i < dim_; ++i) {
+        if (std::fabs(in.data[i]) > atol) return false;
+    }
+    return true;
+}
+
+std::vector<double> ZeroConeCpp::nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const {
+    VectorView sv = dense_input_view(s, dim_, "s");
+    VectorView zv = dense_input_view(z, dim_, "z");
+    require_zero_pair(sv.data, zv.data, dim_);
+    return identity_values(dim_);
+}
+
+OwnedArray ZeroConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
+    VectorView sv = dense_input_view(s, dim_, "s");
+    VectorView zv = dense_input_view(z, dim_, "z");
+    require_zero_pair(sv.data, zv.data, dim_);
+    return identity_array(dim_);
+}
+
+void ZeroConeCpp::nt_scaling_matrix_into(const ArrayRef& s, const ArrayRef& z,
+                                         const ArrayRef& output, uint64_t stream) const {
+    nt_scaling_matrix_batch_into(s, z, output, 1, stream);
+}
+
+void ZeroConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
+                                               const ArrayRef& output, uint64_t batch,
+                                               uint64_t stream) const {
+    const uint64_t n = dim_;
+    VectorView sv = checked_vector_view(s, n * batch, "s");
+    VectorView zv = checked_vector_view(z, n * batch, "z");
+    VectorView out = checked_vector_view(output, n * n * batch, "output");
+    require_same_input_device(sv, zv);
+    require_same_device(sv, out);
+    if (is_cuda(out)) {
+        require_cuda_runtime();
+        dravik_zero_nt_scaling_batch_cuda(out.data, n, batch, out.device_id, as_stream(stream));
+        return;
+    }
+    require_zero_pair(sv.data, zv.data, n * batch);
+    double* o = out.data;
+    std::fill(o, o + n * n * batch, 0.0);
+    // Blocks split by batch item; one thread while the vectors are small.
+    uint64_t threshold = n * batch <= kParallelThreshold ? UINT64_MAX : 0;
+    parallel_blocks(batch, threshold, [o, n](uint64_t begin, uint64_t end) {
+        for (uint64_t b = begin; b < end; ++b) {
+            for (uint64_t k = 0; k < n; ++k) o[b * n * n + k * (n + 1)] = 1.0;
+        }
+    });
+}
+
+}  // namespace dravik::mirel::cones::cpp

@@ -1,0 +1,38 @@
+/* The exported device interface: plain C symbols that take raw device
+ * pointers, sizes, the device ordinal and the caller's stream. Arguments come
+ * in one order: inputs (x, or s then z), the output, the sizes, the device,
+ * the stream; scalar-returning functions take no stream and membership tests
+ * take atol last. Failures are thrown as std::runtime_error with the failing
+ * call's or kernel's name; no function returns an error code. */
+#ifndef DRAVIK_CUDA_H
+#define DRAVIK_CUDA_H
+
+#include <cuda_runtime_api.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#define DRAVIK_CUDA_API __attribute__((visibility("default")))
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Capabilities (never throw). */
+DRAVIK_CUDA_API bool dravik_cuda_available(void);
+DRAVIK_CUDA_API const char* dravik_cuda_runtime_version(void);
+
+/* Zero cone: projection, violation, membership. */
+DRAVIK_CUDA_API void dravik_zero_project_cuda(const double* x, double* out, size_t n, int device,
+                                              cudaStream_t stream);
+DRAVIK_CUDA_API double dravik_zero_violation_cuda(const double* x, size_t n, int device);
+DRAVIK_CUDA_API bool dravik_zero_contains_cuda(const double* x, size_t n, int device, double atol);
+
+/* NT scaling batches. */
+DRAVIK_CUDA_API void dravik_zero_nt_scaling_batch_cuda(double* out, size_t dim, size_t batch,
+                                                       int device, cudaStream_t stream);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* DRAVIK_CUDA_H */

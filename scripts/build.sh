@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Set-up plus an incremental build; the extension lands in
+# python/dravik/mirel/cones/cpp/.
+#
+#   scripts/build.sh PYTHON BUILD_DIR [extra cmake -D options...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+python=${1:-/usr/bin/python3}
+build=${2:-build}
+shift $(( $# > 2 ? 2 : $# ))
+
+nb_dir=$(bash scripts/setup.sh "$python" "$build/deps" | tail -n 1)
+python=$(command -v "$python")
+
+cmake -S . -B "$build" -DPython_EXECUTABLE="$python" \
+  -Dnanobind_DIR="$nb_dir" -DCMAKE_PREFIX_PATH="$(pwd)/$build/deps/usr" "$@" >/dev/null
+cmake --build "$build" -j "$(nproc)"
