@@ -1,6 +1,6 @@
 // The binding side of a cone: BoundCone<Core> adds to a core cone class only
-// the array-taking methods (nanobind arrays in, views built by the core), and
-// register_cone_head registers the methods every cone shares, in order.
+// the array-taking methods (nanobind arrays in, views built by the core); the
+// register_* templates register the methods every cone shares, in order.
 #pragma once
 
 #include <nanobind/nanobind.h>
@@ -52,9 +52,9 @@ public:
 
 // Creates the class with its constructor (parameter `ctor_arg`), the `dim`
 // and `rows` properties and the methods from project_into through
-// nt_scaling_matrix_batch_into; cone-specific methods follow in the caller.
+// unit_vector_into, in registration order.
 template <class Bound, class CtorArg>
-nb::class_<Bound> register_cone_head(nb::module_& m, const char* name, CtorArg ctor_arg) {
+nb::class_<Bound> register_cone_basics(nb::module_& m, const char* name, CtorArg ctor_arg) {
     using namespace nb::literals;
     nb::class_<Bound> cls(m, name);
     cls.def(nb::init<uint64_t>(), ctor_arg)
@@ -66,8 +66,15 @@ nb::class_<Bound> register_cone_head(nb::module_& m, const char* name, CtorArg c
         .def("contains", &Bound::contains, "input"_a.noconvert(), "atol"_a = 1e-8)
         .def("unit_vector", &Bound::unit_vector, "index"_a)
         .def("unit_vector_array", &Bound::unit_vector_array, "index"_a)
-        .def("unit_vector_into", &Bound::unit_vector_into, "index"_a, "output"_a.noconvert())
-        .def("nt_scaling_matrix", &Bound::nt_scaling_matrix, "s"_a.noconvert(), "z"_a.noconvert())
+        .def("unit_vector_into", &Bound::unit_vector_into, "index"_a, "output"_a.noconvert());
+    return cls;
+}
+
+// The four NT scaling forms every cone has, after the unit vectors.
+template <class Bound>
+void register_nt_scaling_forms(nb::class_<Bound>& cls) {
+    using namespace nb::literals;
+    cls.def("nt_scaling_matrix", &Bound::nt_scaling_matrix, "s"_a.noconvert(), "z"_a.noconvert())
         .def("nt_scaling_matrix_array", &Bound::nt_scaling_matrix_array, "s"_a.noconvert(),
              "z"_a.noconvert())
         .def("nt_scaling_matrix_into", &Bound::nt_scaling_matrix_into, "s"_a.noconvert(),
@@ -75,7 +82,6 @@ nb::class_<Bound> register_cone_head(nb::module_& m, const char* name, CtorArg c
         .def("nt_scaling_matrix_batch_into", &Bound::nt_scaling_matrix_batch_into,
              "s"_a.noconvert(), "z"_a.noconvert(), "output"_a.noconvert(), "batch"_a,
              "stream"_a = 0);
-    return cls;
 }
 
 }  // namespace dravik::mirel::cones::cpp

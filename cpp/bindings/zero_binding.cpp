@@ -9,7 +9,8 @@ using BoundZeroConeCpp = BoundCone<ZeroConeCpp>;
 
 void register_zero_cone(nb::module_& m) {
     using namespace nb::literals;
-    register_cone_head<BoundZeroConeCpp>(m, "ZeroConeCpp", "dim"_a);
+    auto cls = register_cone_basics<BoundZeroConeCpp>(m, "ZeroConeCpp", "dim"_a);
+    register_nt_scaling_forms(cls);
 }
 
 }  // namespace dravik::mirel::cones::cpp
