@@ -15,4 +15,4 @@ python=$(command -v "$python")
 
 cmake -S . -B "$build" -DPython_EXECUTABLE="$python" \
   -Dnanobind_DIR="$nb_dir" -DCMAKE_PREFIX_PATH="$(pwd)/$build/deps/usr" "$@" >/dev/null
-cmake --build "$build" -j "$(nproc)"
+cmake --build "$build" -j "$(nproc)" -- --no-print-directory
