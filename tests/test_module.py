@@ -130,3 +130,20 @@ def test_return_forms(m):
 def test_system_errors_are_runtime_errors_with_the_exact_message(m):
     with pytest.raises(RuntimeError, match=r"^input expected 4 entries, got 5$"):
         m.ZeroConeCpp(4).violation(np.zeros(5))
+
+
+def test_only_the_entry_and_the_device_interface_are_exported(m):
+    import re
+    import shutil
+    import subprocess
+    nm = shutil.which("nm")
+    if nm is None:
+        pytest.skip("nm (binutils) is not installed")
+    listing = subprocess.run([nm, "-D", "--defined-only", m.__file__], capture_output=True,
+                             text=True, check=True).stdout
+    names = {line.split()[-1] for line in listing.splitlines() if line.strip()}
+    assert "PyInit__cpp_cuda" in names
+    assert {"dravik_cuda_available", "dravik_cuda_runtime_version",
+            "dravik_zero_nt_scaling_batch_cuda"} <= names
+    leaked = [n for n in names - {"PyInit__cpp_cuda"} if not re.fullmatch(r"dravik_[a-z0-9_]+", n)]
+    assert leaked == []
