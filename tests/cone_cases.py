@@ -18,62 +18,39 @@ def h(n):
     return np.zeros(n)
 
 
-def check_cases(rows):
-    """(label, method, args, message, needs_no_gpu) for a cone of `rows` entries.
-
-    Cases whose arrays would pass every check and reach the device carry
-    needs_no_gpu=True: they are only run where no CUDA device is usable."""
-    r, b = rows, 2
-    mm = r * r
+def check_cases(r):
+    """(method, args, message, reaches_device) for a cone of r entries, in
+    check order: lengths before devices, arguments in parameter order, then
+    the same-device rules, then the runtime. Cases with reaches_device=True
+    would pass every check and must only run where no CUDA device is usable."""
+    mm, b = r * r, 2
+    length = "{} expected {} entries, got {}".format
+    batch = "nt_scaling_matrix_batch_into"
     return [
-        # Length before device, first argument first.
-        ("project len input", "project_into", (on_device(r + 1, CUDA_HOST), h(r + 1)),
-         f"input expected {r} entries, got {r + 1}", False),
-        ("project device input", "project_into", (on_device(r, CUDA_HOST), h(r)),
-         "input must be on CPU or CUDA", False),
-        ("project len output", "project_into", (h(r), h(r - 1)),
-         f"output expected {r} entries, got {r - 1}", False),
-        ("project device output", "project_into", (h(r), on_device(r, CUDA_MANAGED)),
-         "output must be on CPU or CUDA", False),
-        ("project host/cuda", "project_into", (h(r), cuda(r)), SAME_OUT, False),
-        ("project two gpus", "project_into", (cuda(r), cuda(r, device_id=1)), SAME_OUT, False),
-        ("project runtime", "project_into", (cuda(r), cuda(r)), RUNTIME, True),
-        ("violation len", "violation", (cuda(r + 2),), f"input expected {r} entries, got {r + 2}",
-         False),
-        ("violation runtime", "violation", (cuda(r),), RUNTIME, True),
-        ("contains device", "contains", (on_device(r, CUDA_HOST),), "input must be on CPU or CUDA",
-         False),
-        ("contains runtime", "contains", (cuda(r),), RUNTIME, True),
-        # Batch forms: s, z, output lengths, then s~z, then s~output.
-        ("batch len s", "nt_scaling_matrix_batch_into", (h(r), h(r * b), h(mm * b), b),
-         f"s expected {r * b} entries, got {r}", False),
-        ("batch len z", "nt_scaling_matrix_batch_into", (h(r * b), cuda(r), h(mm * b), b),
-         f"z expected {r * b} entries, got {r}", False),
-        ("batch len output", "nt_scaling_matrix_batch_into", (h(r * b), h(r * b), h(mm), b),
-         f"output expected {mm * b} entries, got {mm}", False),
-        ("batch s/z", "nt_scaling_matrix_batch_into", (h(r * b), cuda(r * b), cuda(mm * b), b),
-         SAME_IN, False),
-        ("batch s/output", "nt_scaling_matrix_batch_into",
-         (cuda(r * b), cuda(r * b), h(mm * b), b), SAME_OUT, False),
-        ("batch runtime", "nt_scaling_matrix_batch_into",
-         (cuda(r * b), cuda(r * b), cuda(mm * b), b), RUNTIME, True),
-        ("into len output", "nt_scaling_matrix_into", (h(r), h(r), h(mm + 1)),
-         f"output expected {mm} entries, got {mm + 1}", False),
-        ("into runtime", "nt_scaling_matrix_into", (cuda(r), cuda(r), cuda(mm)), RUNTIME, True),
-        # Dense forms are host only; s is looked at before z.
-        ("dense len s", "nt_scaling_matrix", (cuda(r + 1), cuda(r)),
-         f"s expected {r} entries, got {r + 1}", False),
-        ("dense cuda s", "nt_scaling_matrix", (cuda(r), cuda(r)),
-         "s must be a CPU vector for dense NT scaling", False),
-        ("dense cuda z", "nt_scaling_matrix_array", (h(r), cuda(r)),
-         "z must be a CPU vector for dense NT scaling", False),
-        ("dense device z", "nt_scaling_matrix_array", (h(r), on_device(r, CUDA_HOST)),
-         "z must be on CPU or CUDA", False),
-        ("unit cuda output", "unit_vector_into", (0, cuda(r)),
-         "output must be a CPU vector for dense helper output", False),
-        ("unit len before index", "unit_vector_into", (r, h(r + 1)),
-         f"output expected {r} entries, got {r + 1}", False),
-        ("unit index", "unit_vector_array", (r,), "unit vector index out of range", False),
+        ("project_into", (on_device(r + 1, CUDA_HOST), h(r + 1)), length("input", r, r + 1), 0),
+        ("project_into", (on_device(r, CUDA_HOST), h(r)), "input must be on CPU or CUDA", 0),
+        ("project_into", (h(r), h(r - 1)), length("output", r, r - 1), 0),
+        ("project_into", (h(r), on_device(r, CUDA_MANAGED)), "output must be on CPU or CUDA", 0),
+        ("project_into", (h(r), cuda(r)), SAME_OUT, 0),
+        ("project_into", (cuda(r), cuda(r, device_id=1)), SAME_OUT, 0),
+        ("project_into", (cuda(r), cuda(r)), RUNTIME, 1),
+        ("violation", (cuda(r + 2),), length("input", r, r + 2), 0),
+        ("violation", (cuda(r),), RUNTIME, 1),
+        ("contains", (cuda(r),), RUNTIME, 1),
+        (batch, (h(r), h(r * b), h(mm * b), b), length("s", r * b, r), 0),
+        (batch, (h(r * b), cuda(r), h(mm * b), b), length("z", r * b, r), 0),
+        (batch, (h(r * b), h(r * b), h(mm), b), length("output", mm * b, mm), 0),
+        (batch, (h(r * b), cuda(r * b), cuda(mm * b), b), SAME_IN, 0),
+        (batch, (cuda(r * b), cuda(r * b), h(mm * b), b), SAME_OUT, 0),
+        (batch, (cuda(r * b), cuda(r * b), cuda(mm * b), b), RUNTIME, 1),
+        ("nt_scaling_matrix_into", (cuda(r), cuda(r), cuda(mm)), RUNTIME, 1),
+        ("nt_scaling_matrix", (cuda(r + 1), cuda(r)), length("s", r, r + 1), 0),
+        ("nt_scaling_matrix", (cuda(r), cuda(r)), "s must be a CPU vector for dense NT scaling", 0),
+        ("nt_scaling_matrix_array", (h(r), cuda(r)), "z must be a CPU vector for dense NT scaling",
+         0),
+        ("unit_vector_into", (0, cuda(r)), "output must be a CPU vector for dense helper output", 0),
+        ("unit_vector_into", (r, h(r + 1)), length("output", r, r + 1), 0),
+        ("unit_vector_array", (r,), "unit vector index out of range", 0),
     ]
 
 
