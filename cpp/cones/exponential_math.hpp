@@ -34,7 +34,8 @@ DRAVIK_HD inline double exp_perspective(double x, double y) {
     return y * std::exp(exp_clamp_ratio(x / y));
 }
 
-DRAVIK_HD inline double larger_of(double e, double z) { return e > z ? e : z; }
+// The lifted z: e when e > z, else z (a NaN e keeps z).
+DRAVIK_HD inline double exp_lifted_z(double e, double z) { return e > z ? e : z; }
 
 // The projection rule: keeps x and y and lifts z when y > 0 (with literal
 // 1e-8 tolerances), otherwise clears y, a positive x and a negative z.
@@ -44,11 +45,11 @@ DRAVIK_HD inline ExpBlock exp_project_block(ExpBlock v) {
         const double e = exp_perspective(v.x, v.y);
         double z;
         if (v.y > tol) {
-            z = v.z + tol >= e ? v.z : larger_of(e, v.z);
+            z = v.z + tol >= e ? v.z : exp_lifted_z(e, v.z);
         } else if (v.x > tol) {
-            z = larger_of(e, v.z);
+            z = exp_lifted_z(e, v.z);
         } else {
-            z = v.z >= -tol ? v.z : larger_of(e, v.z);
+            z = v.z >= -tol ? v.z : exp_lifted_z(e, v.z);
         }
         return {v.x, v.y, z};
     }

@@ -130,35 +130,32 @@ double device_max(const double* data, size_t count, int mode) {
     return reduce_passes<reduce_max_kernel>(data, count, mode, "reduce_max_kernel");
 }
 
-using cone::ExpBlock;
-using cone::nonnegative_clip;
-
 // Nonnegative projection, one, two or four entries per thread.
 __global__ void nonnegative_kernel(const double* in, double* out, size_t count) {
     const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
-    if (e < count) out[e] = nonnegative_clip(in[e]);
+    if (e < count) out[e] = cone::nonnegative_clip(in[e]);
 }
 
 __global__ void nonnegative2_kernel(const double2* in, double2* out, size_t count) {
     const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
     if (e >= count) return;
     const double2 v = in[e];
-    out[e] = make_double2(nonnegative_clip(v.x), nonnegative_clip(v.y));
+    out[e] = make_double2(cone::nonnegative_clip(v.x), cone::nonnegative_clip(v.y));
 }
 
 __global__ void nonnegative4_kernel(const double4_32a* in, double4_32a* out, size_t count) {
     const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
     if (e >= count) return;
     const double4_32a v = in[e];
-    out[e] = make_double4_32a(nonnegative_clip(v.x), nonnegative_clip(v.y),
-                              nonnegative_clip(v.z), nonnegative_clip(v.w));
+    out[e] = make_double4_32a(cone::nonnegative_clip(v.x), cone::nonnegative_clip(v.y),
+                              cone::nonnegative_clip(v.z), cone::nonnegative_clip(v.w));
 }
 
 // Exponential cone, one block (x, y, z) per thread.
 __global__ void exp_project_kernel(const double* x, double* out, size_t m) {
     const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
     if (k >= m) return;
-    const ExpBlock v = cone::load_exp_block(x + 3 * k);
+    const cone::ExpBlock v = cone::load_exp_block(x + 3 * k);
     cone::store_exp_block(out + 3 * k, cone::exp_project_block(v));
 }
 
@@ -179,7 +176,7 @@ __global__ void exp_contains_kernel(const double* x, double* partial, size_t m, 
     const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
     double flag = -INFINITY;
     if (k < m) {
-        const ExpBlock v = cone::load_exp_block(x + 3 * k);
+        const cone::ExpBlock v = cone::load_exp_block(x + 3 * k);
         flag = cone::exp_block_contains(v, atol) ? 0.0 : 1.0;
     }
     const double worst = block_reduce(flag, buffer, MaxOp{});
