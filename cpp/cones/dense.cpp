@@ -5,6 +5,7 @@
 #include <string>
 
 #include "cones/parallel.hpp"
+#include "cones/rank_two.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -92,20 +93,18 @@ OwnedArray diagonal_ratio_array(const double* a, const double* b, uint64_t n, co
 
 std::vector<double> rank_two_map_values(const double* a, const double* b, uint64_t n,
                                         const char* what) {
-    double q = 0.0;
-    for (uint64_t i = 0; i < n; ++i) q += a[i] * a[i];
+    const double q = rank_two_q(a, n);
     if (!(q > 0.0 && std::fabs(q) <= std::numeric_limits<double>::max())) {
         fail(std::string(what) + " source vector must have nonzero finite norm");
     }
-    std::vector<double> m = identity_values(n);
+    std::vector<double> m(n * n);
     std::vector<double> d(n);
     for (uint64_t i = 0; i < n; ++i) d[i] = b[i] - a[i];
-    double c = 0.0;
-    for (uint64_t i = 0; i < n; ++i) c += d[i] * a[i];
-    double q2 = q * q;
+    const double c = rank_two_c(a, b, n);
+    const double q2 = q * q;
     for (uint64_t r = 0; r < n; ++r) {
         for (uint64_t k = 0; k < n; ++k) {
-            m[r * n + k] = m[r * n + k] + ((d[k] * a[r] / q + a[k] * d[r] / q) - a[k] * (a[r] * c) / q2);
+            m[r * n + k] = rank_two_entry(r == k ? 1.0 : 0.0, a[r], a[k], d[r], d[k], q, c, q2);
         }
     }
     return m;

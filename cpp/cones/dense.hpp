@@ -4,11 +4,13 @@
 // Matrices are n x n, row-major (entry (r, c) at r * n + c).
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
 #include "bindings/owned_array.hpp"
 #include "bindings/views.hpp"
+#include "cones/parallel.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -38,5 +40,20 @@ OwnedArray diagonal_ratio_array(const double* a, const double* b, uint64_t n, co
 
 std::vector<double> rank_two_map_values(const double* a, const double* b, uint64_t n,
                                         const char* what);
+
+// A batch of diagonal n x n blocks: the whole output (n * n * batch values)
+// zeroed in one fill, then value(b, k) written at b * n * n + k * (n + 1).
+// Blocks are split among threads by batch item, with one thread whenever
+// n * batch <= 8192.
+template <class Value>
+void fill_diagonal_blocks(double* out, uint64_t n, uint64_t batch, Value&& value) {
+    std::fill(out, out + n * n * batch, 0.0);
+    const uint64_t threshold = n * batch <= kParallelThreshold ? UINT64_MAX : 0;
+    parallel_blocks(batch, threshold, [&](uint64_t begin, uint64_t end) {
+        for (uint64_t b = begin; b < end; ++b) {
+            for (uint64_t k = 0; k < n; ++k) out[b * n * n + k * (n + 1)] = value(b, k);
+        }
+    });
+}
 
 }  // namespace dravik::mirel::cones::cpp

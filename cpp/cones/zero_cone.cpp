@@ -99,15 +99,7 @@ void ZeroConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef
         return;
     }
     require_zero_pair(sv.data, zv.data, n * batch);
-    double* o = out.data;
-    std::fill(o, o + n * n * batch, 0.0);
-    // Blocks split by batch item; one thread while the vectors are small.
-    uint64_t threshold = n * batch <= kParallelThreshold ? UINT64_MAX : 0;
-    parallel_blocks(batch, threshold, [o, n](uint64_t begin, uint64_t end) {
-        for (uint64_t b = begin; b < end; ++b) {
-            for (uint64_t k = 0; k < n; ++k) o[b * n * n + k * (n + 1)] = 1.0;
-        }
-    });
+    fill_diagonal_blocks(out.data, n, batch, [](uint64_t, uint64_t) { return 1.0; });
 }
 
 }  // namespace dravik::mirel::cones::cpp

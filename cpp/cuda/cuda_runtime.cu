@@ -6,11 +6,15 @@
 #include <stdexcept>
 #include <string>
 
+#include "cones/exponential_math.hpp"
+#include "cones/nonnegative_math.hpp"
 #include "cuda/block_reduce.cuh"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
 
 namespace dravik::cuda {
+
+namespace cone = dravik::mirel::cones::cpp;
 
 namespace {
 thread_local int t_cached_device = -1;
@@ -58,7 +62,7 @@ constexpr int kModePlain = 3;
 __device__ double sum_sq_term(double x, size_t e, int mode) {
     switch (mode) {
         case 0: return x * x;
-        case 1: return x < 0.0 ? x * x : 0.0;
+        case 1: return cone::nonnegative_violation_term(x);
         case 2: return e == 0 ? 0.0 : x * x;
         default: return x;
     }
@@ -126,6 +130,81 @@ double device_max(const double* data, size_t count, int mode) {
     return reduce_passes<reduce_max_kernel>(data, count, mode, "reduce_max_kernel");
 }
 
+// Nonnegative projection, one, two or four entries per thread.
+__global__ void nonnegative_kernel(const double* in, double* out, size_t count) {
+    const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    if (e < count) out[e] = cone::nonnegative_clip(in[e]);
+}
+
+__global__ void nonnegative2_kernel(const double2* in, double2* out, size_t count) {
+    const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    if (e >= count) return;
+    const double2 v = in[e];
+    out[e] = make_double2(cone::nonnegative_clip(v.x), cone::nonnegative_clip(v.y));
+}
+
+__global__ void nonnegative4_kernel(const double4_32a* in, double4_32a* out, size_t count) {
+    const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    if (e >= count) return;
+    const double4_32a v = in[e];
+    out[e] = make_double4_32a(cone::nonnegative_clip(v.x), cone::nonnegative_clip(v.y),
+                              cone::nonnegative_clip(v.z), cone::nonnegative_clip(v.w));
+}
+
+// Exponential cone, one block (x, y, z) per thread.
+__global__ void exp_project_kernel(const double* x, double* out, size_t m) {
+    const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    if (k >= m) return;
+    const cone::ExpBlock v = cone::load_exp_block(x + 3 * k);
+    cone::store_exp_block(out + 3 * k, cone::exp_project_block(v));
+}
+
+// partial[b] is the square root of the thread block's sum of squared terms,
+// so that squaring and adding the partials gives the whole sum.
+__global__ void exp_violation_kernel(const double* x, double* partial, size_t m) {
+    __shared__ double buffer[kThreads];
+    const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    const double term =
+        k < m ? cone::exp_violation_term(cone::load_exp_block(x + 3 * k)) : 0.0;
+    const double total = block_reduce(term, buffer, AddOp{});
+    if (threadIdx.x == 0) partial[blockIdx.x] = sqrt(total);
+}
+
+// partial[b] is 0 when every block of the thread block passes, 1 otherwise.
+__global__ void exp_contains_kernel(const double* x, double* partial, size_t m, double atol) {
+    __shared__ double buffer[kThreads];
+    const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    double flag = -INFINITY;
+    if (k < m) {
+        const cone::ExpBlock v = cone::load_exp_block(x + 3 * k);
+        flag = cone::exp_block_contains(v, atol) ? 0.0 : 1.0;
+    }
+    const double worst = block_reduce(flag, buffer, MaxOp{});
+    if (threadIdx.x == 0) partial[blockIdx.x] = worst;
+}
+
+namespace {
+
+bool aligned_to(const void* p, uintptr_t bytes) {
+    return reinterpret_cast<uintptr_t>(p) % bytes == 0;
+}
+
+// Fills per-block partials of an exponential kernel on the legacy default
+// stream and hands them to `combine`; the partials are freed afterwards.
+template <auto Kernel, class Combine, class... Extra>
+double exp_partials(const char* name, const double* x, size_t m, Combine combine,
+                    Extra... extra) {
+    const unsigned blocks = ceil_blocks(m);
+    double* partial = device_alloc(blocks);
+    launch<Kernel>(name, blocks, kThreads, 0, kLegacyStream, x, partial, m, extra...);
+    const double value = combine(partial, blocks);
+    device_free(partial);
+    synchronize();
+    return value;
+}
+
+}  // namespace
+
 }  // namespace dravik::cuda
 
 using namespace dravik::cuda;
@@ -161,6 +240,65 @@ bool dravik_zero_contains_cuda(const double* x, size_t n, int device, double ato
     ensure_device(device);
     const double reference = n == 0 ? 0.0 : device_max(x, n, 0);
     return atol >= reference;
+}
+
+void dravik_nonnegative_project_cuda(const double* x, double* out, size_t n, int device,
+                                     cudaStream_t stream) {
+    ensure_device(device);
+    if (n == 0) return;
+    if (n % 4 == 0 && aligned_to(x, 32) && aligned_to(out, 32)) {
+        const size_t count = n / 4;
+        launch<nonnegative4_kernel>("nonnegative4_kernel", ceil_blocks(count), kThreads, 0, stream,
+                                    reinterpret_cast<const double4_32a*>(x),
+                                    reinterpret_cast<double4_32a*>(out), count);
+    } else if (n % 2 == 0 && aligned_to(x, 16) && aligned_to(out, 16)) {
+        const size_t count = n / 2;
+        launch<nonnegative2_kernel>("nonnegative2_kernel", ceil_blocks(count), kThreads, 0, stream,
+                                    reinterpret_cast<const double2*>(x),
+                                    reinterpret_cast<double2*>(out), count);
+    } else {
+        launch<nonnegative_kernel>("nonnegative_kernel", ceil_blocks(n), kThreads, 0, stream, x,
+                                   out, n);
+    }
+}
+
+double dravik_nonnegative_violation_cuda(const double* x, size_t n, int device) {
+    ensure_device(device);
+    if (n == 0) return 0.0;
+    return std::sqrt(device_sum_sq(x, n, 1));
+}
+
+bool dravik_nonnegative_contains_cuda(const double* x, size_t n, int device, double atol) {
+    ensure_device(device);
+    const double reference = n == 0 ? 0.0 : device_max(x, n, 1);
+    return atol >= reference;
+}
+
+void dravik_exp_project_cuda(const double* x, double* out, size_t m, int device,
+                             cudaStream_t stream) {
+    ensure_device(device);
+    if (m == 0) return;
+    launch<exp_project_kernel>("exp_project_kernel", ceil_blocks(m), kThreads, 0, stream, x, out,
+                               m);
+}
+
+double dravik_exp_violation_cuda(const double* x, size_t m, int device) {
+    ensure_device(device);
+    if (m == 0) return 0.0;
+    const double sum = exp_partials<exp_violation_kernel>(
+        "exp_violation_kernel", x, m,
+        [](const double* partial, size_t blocks) { return device_sum_sq(partial, blocks, 0); });
+    return std::sqrt(sum);
+}
+
+bool dravik_exp_contains_cuda(const double* x, size_t m, int device, double atol) {
+    ensure_device(device);
+    if (m == 0) return true;
+    const double worst = exp_partials<exp_contains_kernel>(
+        "exp_contains_kernel", x, m,
+        [](const double* partial, size_t blocks) { return device_max(partial, blocks, 0); },
+        atol);
+    return worst == 0.0;  // a NaN maximum is not contained
 }
 
 }  // extern "C"

@@ -27,9 +27,29 @@ DRAVIK_CUDA_API void dravik_zero_project_cuda(const double* x, double* out, size
 DRAVIK_CUDA_API double dravik_zero_violation_cuda(const double* x, size_t n, int device);
 DRAVIK_CUDA_API bool dravik_zero_contains_cuda(const double* x, size_t n, int device, double atol);
 
+/* Nonnegative cone: projection, violation, membership. */
+DRAVIK_CUDA_API void dravik_nonnegative_project_cuda(const double* x, double* out, size_t n,
+                                                     int device, cudaStream_t stream);
+DRAVIK_CUDA_API double dravik_nonnegative_violation_cuda(const double* x, size_t n, int device);
+DRAVIK_CUDA_API bool dravik_nonnegative_contains_cuda(const double* x, size_t n, int device,
+                                                      double atol);
+
+/* Exponential cone, m blocks of three values: projection, violation, membership. */
+DRAVIK_CUDA_API void dravik_exp_project_cuda(const double* x, double* out, size_t m, int device,
+                                             cudaStream_t stream);
+DRAVIK_CUDA_API double dravik_exp_violation_cuda(const double* x, size_t m, int device);
+DRAVIK_CUDA_API bool dravik_exp_contains_cuda(const double* x, size_t m, int device, double atol);
+
 /* NT scaling batches. */
 DRAVIK_CUDA_API void dravik_zero_nt_scaling_batch_cuda(double* out, size_t dim, size_t batch,
                                                        int device, cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_nonnegative_nt_scaling_batch_cuda(const double* s, const double* z,
+                                                              double* out, size_t dim,
+                                                              size_t batch, int device,
+                                                              cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_exp_nt_scaling_batch_cuda(const double* s, const double* z,
+                                                      double* out, size_t m, size_t batch,
+                                                      int device, cudaStream_t stream);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,164 @@
+#include "cones/exponential_cone.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+
+#include "cones/dense.hpp"
+#include "cones/device_call.hpp"
+#include "cones/exponential_math.hpp"
+#include "cones/parallel.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+namespace {
+
+// Projection and violation go parallel above this many blocks; the batch
+// scaling above this many (item, block) pairs.
+constexpr uint64_t kExpBlockThreshold = 4096;
+
+constexpr const char* kScalingLabel = "exponential scaling";
+
+[[noreturn]] void fail_not_interior() {
+    fail(std::string(kScalingLabel) + " requires strictly interior cone vectors");
+}
+
+bool interior_pair(const double* s, const double* z) {
+    return exp_block_interior(load_exp_block(s)) && exp_block_interior(load_exp_block(z));
+}
+
+// Writes the 3 x 3 block for s and z (3 entries each) at `corner`, a matrix
+// with row stride n.
+void write_scaling_block(const double* s, const double* z, double* corner, uint64_t n) {
+    const ExpScalingBlock m = exp_scaling_block(s, z);
+    for (unsigned i = 0; i < 3; ++i) {
+        for (unsigned j = 0; j < 3; ++j) corner[i * n + j] = m.entry(i, j);
+    }
+}
+
+}  // namespace
+
+ExponentialConeCpp::ExponentialConeCpp(uint64_t blocks) : blocks_(blocks) {
+    if (blocks == 0) fail("exponential cone block count must be positive");
+}
+
+void ExponentialConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
+                                      uint64_t stream) const {
+    const uint64_t n = rows();
+    VectorView in = checked_vector_view(input, n, "input");
+    VectorView out = checked_vector_view(output, n, "output");
+    require_same_device(in, out);
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        dravik_exp_project_cuda(in.data, out.data, blocks_, in.device_id, as_stream(stream));
+        return;
+    }
+    const double* x = in.data;
+    double* o = out.data;
+    // Each block is read whole before it is written: input may be output.
+    parallel_blocks(blocks_, kExpBlockThreshold, [x, o](uint64_t begin, uint64_t end) {
+        for (uint64_t k = begin; k < end; ++k) {
+            store_exp_block(o + 3 * k, exp_project_block(load_exp_block(x + 3 * k)));
+        }
+    });
+}
+
+double ExponentialConeCpp::violation(const ArrayRef& input) const {
+    VectorView in = checked_vector_view(input, rows(), "input");
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        return dravik_exp_violation_cuda(in.data, blocks_, in.device_id);
+    }
+    const double* x = in.data;
+    return std::sqrt(parallel_sum(blocks_, kExpBlockThreshold, [x](uint64_t k) {
+        return exp_violation_term(load_exp_block(x + 3 * k));
+    }));
+}
+
+bool ExponentialConeCpp::contains(const ArrayRef& input, double atol) const {
+    VectorView in = checked_vector_view(input, rows(), "input");
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        return dravik_exp_contains_cuda(in.data, blocks_, in.device_id, atol);
+    }
+    for (uint64_t k = 0; k < blocks_; ++k) {
+        if (!exp_block_contains(load_exp_block(in.data + 3 * k), atol)) return false;
+    }
+    return true;
+}
+
+// The dense forms: blocks in order, each after the interior tests of its
+// s-block and z-block, through the checked rank-two builder.
+std::vector<double> ExponentialConeCpp::dense_scaling(const ArrayRef& s, const ArrayRef& z) const {
+    const uint64_t n = rows();
+    VectorView sv = dense_input_view(s, n, "s");
+    VectorView zv = dense_input_view(z, n, "z");
+    std::vector<double> values(n * n, 0.0);
+    for (uint64_t k = 0; k < blocks_; ++k) {
+        const double* sk = sv.data + 3 * k;
+        const double* zk = zv.data + 3 * k;
+        if (!exp_block_interior(load_exp_block(sk))) fail_not_interior();
+        if (!exp_block_interior(load_exp_block(zk))) fail_not_interior();
+        const std::vector<double> block = rank_two_map_values(sk, zk, 3, kScalingLabel);
+        for (uint64_t i = 0; i < 3; ++i) {
+            for (uint64_t j = 0; j < 3; ++j) values[(3 * k + i) * n + 3 * k + j] = block[3 * i + j];
+        }
+    }
+    return values;
+}
+
+std::vector<double> ExponentialConeCpp::nt_scaling_matrix(const ArrayRef& s,
+                                                          const ArrayRef& z) const {
+    return dense_scaling(s, z);
+}
+
+OwnedArray ExponentialConeCpp::nt_scaling_matrix_array(const ArrayRef& s,
+                                                       const ArrayRef& z) const {
+    return dense_matrix_array(dense_scaling(s, z), rows(), kScalingLabel);
+}
+
+void ExponentialConeCpp::nt_scaling_matrix_into(const ArrayRef& s, const ArrayRef& z,
+                                                const ArrayRef& output, uint64_t stream) const {
+    nt_scaling_matrix_batch_into(s, z, output, 1, stream);
+}
+
+void ExponentialConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
+                                                      const ArrayRef& output, uint64_t batch,
+                                                      uint64_t stream) const {
+    const uint64_t n = rows();
+    VectorView sv = checked_vector_view(s, n * batch, "s");
+    VectorView zv = checked_vector_view(z, n * batch, "z");
+    VectorView out = checked_vector_view(output, n * n * batch, "output");
+    require_same_input_device(sv, zv);
+    require_same_device(sv, out);
+    if (is_cuda(out)) {
+        // The device evaluates the blocks without the interior tests.
+        require_cuda_runtime();
+        dravik_exp_nt_scaling_batch_cuda(sv.data, zv.data, out.data, blocks_, batch,
+                                         out.device_id, as_stream(stream));
+        return;
+    }
+    const double* sd = sv.data;
+    const double* zd = zv.data;
+    double* o = out.data;
+    std::fill(o, o + n * n * batch, 0.0);
+    // Pair p = b * blocks + k. A thread stops at its first non-interior pair
+    // and records it; the error is raised after the join.
+    const uint64_t blocks = blocks_;
+    std::atomic<bool> failed{false};
+    parallel_blocks(batch * blocks, kExpBlockThreshold, [&](uint64_t begin, uint64_t end) {
+        for (uint64_t p = begin; p < end; ++p) {
+            const uint64_t b = p / blocks;
+            const uint64_t k = p % blocks;
+            const uint64_t offset = b * n + 3 * k;
+            if (!interior_pair(sd + offset, zd + offset)) {
+                failed.store(true, std::memory_order_relaxed);
+                return;
+            }
+            write_scaling_block(sd + offset, zd + offset, o + b * n * n + 3 * k * n + 3 * k, n);
+        }
+    });
+    if (failed.load()) fail_not_interior();
+}
+
+}  // namespace dravik::mirel::cones::cpp

@@ -1,0 +1,117 @@
+// Per-block rules of the exponential cone, shared by the host loops and the
+// CUDA kernels. A block is (x, y, z); the cone is the closure of
+// { y > 0, y * exp(x / y) <= z }. Every exp(x / y) clamps its argument into
+// [-745, 709] first, so it neither overflows nor flushes to an exact zero
+// earlier than the smallest subnormal.
+#pragma once
+
+#include <cmath>
+
+#include "cones/host_device.hpp"
+#include "cones/rank_two.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+struct ExpBlock {
+    double x;
+    double y;
+    double z;
+};
+
+constexpr double kExpProjectTolerance = 1e-8;
+constexpr double kExpRatioMin = -745.0;
+constexpr double kExpRatioMax = 709.0;
+
+// Clamps into [-745, 709]; NaN stays NaN.
+DRAVIK_HD inline double exp_clamp_ratio(double r) {
+    if (r < kExpRatioMin) return kExpRatioMin;
+    if (r > kExpRatioMax) return kExpRatioMax;
+    return r;
+}
+
+// y * exp(clamp(x / y)).
+DRAVIK_HD inline double exp_perspective(double x, double y) {
+    return y * std::exp(exp_clamp_ratio(x / y));
+}
+
+// The lifted z: e when e > z, else z (a NaN e keeps z).
+DRAVIK_HD inline double exp_lifted_z(double e, double z) { return e > z ? e : z; }
+
+// The projection rule: keeps x and y and lifts z when y > 0 (with literal
+// 1e-8 tolerances), otherwise clears y, a positive x and a negative z.
+DRAVIK_HD inline ExpBlock exp_project_block(ExpBlock v) {
+    const double tol = kExpProjectTolerance;
+    if (v.y > 0.0) {
+        const double e = exp_perspective(v.x, v.y);
+        double z;
+        if (v.y > tol) {
+            z = v.z + tol >= e ? v.z : exp_lifted_z(e, v.z);
+        } else if (v.x > tol) {
+            z = exp_lifted_z(e, v.z);
+        } else {
+            z = v.z >= -tol ? v.z : exp_lifted_z(e, v.z);
+        }
+        return {v.x, v.y, z};
+    }
+    return {v.x > 0.0 ? 0.0 : v.x, 0.0, v.z < 0.0 ? 0.0 : v.z};
+}
+
+// The block's squared violation: (y exp(x / y) - z)^2 when z falls short and
+// y > 0; otherwise the squared distance to (min(x, 0), 0, max(z, 0)), formed
+// as the square of its square root.
+DRAVIK_HD inline double exp_violation_term(ExpBlock v) {
+    if (v.y > 0.0) {
+        const double d = exp_perspective(v.x, v.y) - v.z;
+        return d > 0.0 ? d * d : 0.0;
+    }
+    const double sq = (v.x >= 0.0 ? v.x * v.x : 0.0) + v.y * v.y + (v.z <= 0.0 ? v.z * v.z : 0.0);
+    const double root = std::sqrt(sq);
+    return root * root;
+}
+
+// Membership with tolerance atol; any NaN in a tested quantity fails.
+DRAVIK_HD inline bool exp_block_contains(ExpBlock v, double atol) {
+    if (v.y > atol) return v.z + atol >= exp_perspective(v.x, v.y);
+    return v.x <= atol && std::fabs(v.y) <= atol && v.z >= -atol;
+}
+
+// Strict interior: y > 0 and z > y exp(x / y); NaN fails.
+DRAVIK_HD inline bool exp_block_interior(ExpBlock v) {
+    return v.y > 0.0 && v.z > exp_perspective(v.x, v.y);
+}
+
+DRAVIK_HD inline ExpBlock load_exp_block(const double* p) { return {p[0], p[1], p[2]}; }
+
+DRAVIK_HD inline void store_exp_block(double* p, ExpBlock v) {
+    p[0] = v.x;
+    p[1] = v.y;
+    p[2] = v.z;
+}
+
+// The 3 x 3 exponential scaling block: the rank-two map taking the s-block
+// onto the z-block, without the norm check of the dense builder.
+struct ExpScalingBlock {
+    double a[3];
+    double d[3];
+    double q;
+    double c;
+    double q2;
+
+    DRAVIK_HD double entry(unsigned i, unsigned j) const {
+        return rank_two_entry(i == j ? 1.0 : 0.0, a[i], a[j], d[i], d[j], q, c, q2);
+    }
+};
+
+DRAVIK_HD inline ExpScalingBlock exp_scaling_block(const double* s, const double* z) {
+    ExpScalingBlock m;
+    for (unsigned i = 0; i < 3; ++i) {
+        m.a[i] = s[i];
+        m.d[i] = z[i] - s[i];
+    }
+    m.q = rank_two_q(s, 3);
+    m.c = rank_two_c(s, z, 3);
+    m.q2 = m.q * m.q;
+    return m;
+}
+
+}  // namespace dravik::mirel::cones::cpp

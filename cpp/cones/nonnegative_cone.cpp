@@ -1,0 +1,131 @@
+#include "cones/nonnegative_cone.hpp"
+
+#include <atomic>
+#include <cmath>
+#include <string>
+
+#include "cones/dense.hpp"
+#include "cones/device_call.hpp"
+#include "cones/nonnegative_math.hpp"
+#include "cones/parallel.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+namespace {
+
+constexpr const char* kScalingLabel = "nonnegative NT scaling";
+
+// Scan on the calling thread, stopping at the first entry below -atol.
+bool all_above_serial(const double* x, uint64_t n, double atol) {
+    for (uint64_t i = 0; i < n; ++i) {
+        if (nonnegative_below(x[i], atol)) return false;
+    }
+    return true;
+}
+
+// Team scan: a shared flag, read and set with relaxed atomics, records that
+// some entry fell below -atol; once it is set no thread tests further.
+bool all_above_team(const double* x, uint64_t n, double atol) {
+    std::atomic<bool> failed{false};
+    parallel_blocks(n, kParallelThreshold, [&](uint64_t begin, uint64_t end) {
+        for (uint64_t i = begin; i < end; ++i) {
+            if (!failed.load(std::memory_order_relaxed) && nonnegative_below(x[i], atol)) {
+                failed.store(true, std::memory_order_relaxed);
+            }
+        }
+    });
+    return !failed.load(std::memory_order_relaxed);
+}
+
+// The positivity test of the host batch: s[i] <= 0 or z[i] <= 0 fails.
+void require_positive_pairs(const double* s, const double* z, uint64_t n) {
+    for (uint64_t i = 0; i < n; ++i) {
+        if (s[i] <= 0.0 || z[i] <= 0.0) {
+            fail(std::string(kScalingLabel) + " requires strictly positive interior inputs");
+        }
+    }
+}
+
+}  // namespace
+
+void NonnegativeConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
+                                      uint64_t stream) const {
+    VectorView in = checked_vector_view(input, dim_, "input");
+    VectorView out = checked_vector_view(output, dim_, "output");
+    require_same_device(in, out);
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        dravik_nonnegative_project_cuda(in.data, out.data, dim_, in.device_id, as_stream(stream));
+        return;
+    }
+    const double* x = in.data;
+    double* o = out.data;
+    parallel_blocks(dim_, kParallelThreshold, [x, o](uint64_t begin, uint64_t end) {
+        for (uint64_t i = begin; i < end; ++i) o[i] = nonnegative_clip(x[i]);
+    });
+}
+
+double NonnegativeConeCpp::violation(const ArrayRef& input) const {
+    VectorView in = checked_vector_view(input, dim_, "input");
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        return dravik_nonnegative_violation_cuda(in.data, dim_, in.device_id);
+    }
+    const double* x = in.data;
+    return std::sqrt(parallel_sum(dim_, kParallelThreshold,
+                                  [x](uint64_t i) { return nonnegative_violation_term(x[i]); }));
+}
+
+bool NonnegativeConeCpp::contains(const ArrayRef& input, double atol) const {
+    VectorView in = checked_vector_view(input, dim_, "input");
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        return dravik_nonnegative_contains_cuda(in.data, dim_, in.device_id, atol);
+    }
+    if (dim_ <= kParallelThreshold) return all_above_serial(in.data, dim_, atol);
+    return all_above_team(in.data, dim_, atol);
+}
+
+std::vector<double> NonnegativeConeCpp::nt_scaling_matrix(const ArrayRef& s,
+                                                          const ArrayRef& z) const {
+    VectorView sv = dense_input_view(s, dim_, "s");
+    VectorView zv = dense_input_view(z, dim_, "z");
+    return diagonal_ratio_values(zv.data, sv.data, dim_, kScalingLabel);
+}
+
+OwnedArray NonnegativeConeCpp::nt_scaling_matrix_array(const ArrayRef& s,
+                                                       const ArrayRef& z) const {
+    VectorView sv = dense_input_view(s, dim_, "s");
+    VectorView zv = dense_input_view(z, dim_, "z");
+    return diagonal_ratio_array(zv.data, sv.data, dim_, kScalingLabel);
+}
+
+void NonnegativeConeCpp::nt_scaling_matrix_into(const ArrayRef& s, const ArrayRef& z,
+                                                const ArrayRef& output, uint64_t stream) const {
+    nt_scaling_matrix_batch_into(s, z, output, 1, stream);
+}
+
+void NonnegativeConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
+                                                      const ArrayRef& output, uint64_t batch,
+                                                      uint64_t stream) const {
+    const uint64_t n = dim_;
+    VectorView sv = checked_vector_view(s, n * batch, "s");
+    VectorView zv = checked_vector_view(z, n * batch, "z");
+    VectorView out = checked_vector_view(output, n * n * batch, "output");
+    require_same_input_device(sv, zv);
+    require_same_device(sv, out);
+    if (is_cuda(out)) {
+        // The device writes whatever the quotients give; no positivity test.
+        require_cuda_runtime();
+        dravik_nonnegative_nt_scaling_batch_cuda(sv.data, zv.data, out.data, n, batch,
+                                                 out.device_id, as_stream(stream));
+        return;
+    }
+    const double* sd = sv.data;
+    const double* zd = zv.data;
+    require_positive_pairs(sd, zd, n * batch);
+    fill_diagonal_blocks(out.data, n, batch,
+                         [=](uint64_t b, uint64_t k) { return zd[b * n + k] / sd[b * n + k]; });
+}
+
+}  // namespace dravik::mirel::cones::cpp

@@ -1,0 +1,35 @@
+// The nonnegative orthant R^n_+ of linear inequality constraints.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "bindings/owned_array.hpp"
+#include "bindings/views.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+class NonnegativeConeCpp {
+public:
+    explicit NonnegativeConeCpp(uint64_t dim) : dim_(dim) {}
+
+    uint64_t dim() const { return dim_; }
+    uint64_t rows() const { return dim_; }
+
+    void project_into(const ArrayRef& input, const ArrayRef& output, uint64_t stream) const;
+    double violation(const ArrayRef& input) const;
+    bool contains(const ArrayRef& input, double atol) const;
+
+    // diag(z[i] / s[i]) for strictly positive s and z.
+    std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
+    OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
+    void nt_scaling_matrix_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
+                                uint64_t stream) const;
+    void nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
+                                      uint64_t batch, uint64_t stream) const;
+
+private:
+    uint64_t dim_;
+};
+
+}  // namespace dravik::mirel::cones::cpp

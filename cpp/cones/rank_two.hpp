@@ -1,0 +1,35 @@
+// The symmetric rank-two map M = I + (d a^T + a d^T) / q - c a a^T / q^2
+// that takes a source vector a onto a target b (d = b - a, q = |a|^2,
+// c = d . a): M a = b, and directions orthogonal to a and d stay fixed.
+// One formula for the dense builder, the exponential scaling blocks on the
+// host and the exponential scaling kernel.
+#pragma once
+
+#include <cstddef>
+
+#include "cones/host_device.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+// q = sum a[i]^2, in index order.
+DRAVIK_HD inline double rank_two_q(const double* a, size_t n) {
+    double q = 0.0;
+    for (size_t i = 0; i < n; ++i) q += a[i] * a[i];
+    return q;
+}
+
+// c = sum (b[i] - a[i]) * a[i], in index order.
+DRAVIK_HD inline double rank_two_c(const double* a, const double* b, size_t n) {
+    double c = 0.0;
+    for (size_t i = 0; i < n; ++i) c += (b[i] - a[i]) * a[i];
+    return c;
+}
+
+// Entry (r, k) of M; identity is 1.0 on the diagonal and 0.0 elsewhere,
+// q2 = q * q. The grouping fixes the last bits.
+DRAVIK_HD inline double rank_two_entry(double identity, double a_r, double a_k, double d_r,
+                                       double d_k, double q, double c, double q2) {
+    return identity + ((d_k * a_r / q + a_k * d_r / q) - a_k * (a_r * c) / q2);
+}
+
+}  // namespace dravik::mirel::cones::cpp
