@@ -14,6 +14,8 @@ NB_MODULE(_cpp_cuda, m) {
     // Cone classes, in this order: ZeroConeCpp, NonnegativeConeCpp,
     // SecondOrderConeCpp, PsdConeCpp, ExponentialConeCpp.
     register_zero_cone(m);
+    // NonnegativeConeCpp registers here, before the second-order cone.
+    register_second_order_cone(m);
     // The PSD packing functions (psd_smat, psd_svec, psd_smat_into,
     // psd_svec_into) are registered after the classes.
 }

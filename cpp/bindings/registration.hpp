@@ -8,5 +8,6 @@ namespace dravik::mirel::cones::cpp {
 
 void register_capabilities(nanobind::module_& m);
 void register_zero_cone(nanobind::module_& m);
+void register_second_order_cone(nanobind::module_& m);
 
 }  // namespace dravik::mirel::cones::cpp
