@@ -1,6 +1,8 @@
 """Second-order NT scaling on the host: W s = z, agreement with a dense NumPy
 version of the Jordan-algebra formulas, the documented examples, every
 result form, thread-count independence, the method query and the checks."""
+import math
+
 import numpy as np
 import pytest
 
@@ -33,6 +35,44 @@ def reference_w(s, z):
     return quad_matrix(jordan_power(s, 0.5)) @ quad_matrix(g) @ quad_matrix(a)
 
 
+def exact_w(s, z):
+    """The host algorithm step by step in Python floats, each product and sum
+    rounded on its own in the documented order: the module must give the
+    same bits."""
+    n = len(s)
+
+    def tail_dot(a, v):
+        total = 0.0
+        for i in range(1, n):
+            total += a[i] * v[i]
+        return total
+
+    def power(x, p):
+        r = math.sqrt(tail_dot(x, x))
+        p1, p2 = math.pow(x[0] + r, p), math.pow(x[0] - r, p)
+        k = (p1 - p2) * 0.5 / r if r > 0 else 0.0
+        return [(p1 + p2) * 0.5] + [k * x[i] if r > 0 else 0.0 for i in range(1, n)]
+
+    def quad(a, v):
+        head_sq, tail = a[0] * a[0], tail_dot(a, a)
+        det, t, d = head_sq - tail, 2.0 * a[0], tail_dot(a, v)
+        return [(head_sq + tail) * v[0] + t * d] + [
+            det * v[i] + t * a[i] * v[0] + 2.0 * a[i] * d for i in range(1, n)]
+
+    a, b = power(s, -0.5), power(s, 0.5)
+    g = power(quad(a, z), 0.5)
+    head_sq, tail = a[0] * a[0], tail_dot(a, a)
+    w = np.zeros((n, n))
+    for j in range(n):
+        if j == 0:
+            p = [head_sq + tail] + [2.0 * a[0] * a[i] for i in range(1, n)]
+        else:
+            p = [2.0 * a[i] * a[j] for i in range(n)]
+            p[j] += head_sq - tail
+        w[:, j] = quad(b, quad(g, p))
+    return w
+
+
 def interior(n, rng, margin=0.5):
     x = rng.standard_normal(n)
     x[0] = np.linalg.norm(x[1:]) * (1 + margin) + 0.1
@@ -52,6 +92,13 @@ def test_matches_dense_formulas_and_maps_s_to_z(m, rng, n):
     assert w.shape == (n, n)
     np.testing.assert_allclose(w, reference_w(s, z), rtol=1e-11, atol=1e-12)
     np.testing.assert_allclose(w @ s, z, rtol=1e-11, atol=1e-12)
+
+
+@pytest.mark.parametrize("n", [1, 2, 3, 5, 6, 9, 40])
+def test_follows_the_documented_evaluation_order(m, rng, n):
+    s, z = interior(n, rng).tolist(), interior(n, rng, margin=3.0).tolist()
+    w = m.SecondOrderConeCpp(n).nt_scaling_matrix_array(np.array(s), np.array(z))
+    np.testing.assert_array_equal(w, exact_w(s, z))
 
 
 @pytest.mark.parametrize("s,z,expected", [
@@ -214,3 +261,15 @@ def test_single_into_is_batch_of_one(m):
         cone.nt_scaling_matrix_into(GOOD_S[:3], GOOD_Z[:3], np.zeros(18))
     with pytest.raises(RuntimeError, match=f"^{RUNTIME}$"):
         cone.nt_scaling_matrix_into(fake.cuda(3), fake.cuda(3), fake.cuda(9))
+
+
+def test_device_interface_is_exported(m):
+    import ctypes
+
+    lib = ctypes.CDLL(m.__file__)
+    for name in ("project", "violation", "contains", "nt_scaling_batch", "nt_scaling_batch_custom",
+                 "nt_scaling_batch_cublas"):
+        assert getattr(lib, f"dravik_soc_{name}_cuda")
+    query = lib.dravik_soc_nt_scaling_default_method_cuda
+    query.restype, query.argtypes = ctypes.c_char_p, [ctypes.c_size_t, ctypes.c_size_t]
+    assert [query(32, 16), query(32, 15), query(33, 16)] == [b"cublas", b"custom", b"custom"]

@@ -27,8 +27,13 @@ public:
     void write(const double* s, const double* z, double* w);
 
 private:
+    // Columns are formed in groups of this many, side by side.
+    static constexpr int kColumnGroup = 4;
+
     void prepare(const double* s, const double* z);
     void write_columns(uint64_t begin, uint64_t end, double* scratch, double* w) const;
+    template <int L>
+    void write_column_group(uint64_t j0, double* p, double* v, double* w) const;
 
     uint64_t n_;
     std::vector<double> a_;  // s^-1/2
@@ -36,7 +41,7 @@ private:
     std::vector<double> u_;  // P(s^-1/2) z
     std::vector<double> g_;  // u^1/2
     SocFactors fa_{}, fb_{}, fg_{};
-    std::vector<double> scratch_;  // two column vectors per thread
+    std::vector<double> scratch_;  // per thread: p and v of one column group
 };
 
 // W of one pair in a new n * n vector, row-major.

@@ -125,6 +125,20 @@ DRAVIK_HD inline double soc_quad_matrix_entry(const SocFactors& f, size_t i, siz
     return e;
 }
 
+// P(a) e_j into p (n entries): the entries of soc_quad_matrix_entry down
+// column j, written without a branch per entry.
+DRAVIK_HD inline void soc_quad_unit_column(const double* a, const SocFactors& f, size_t n, size_t j,
+                                           double* p) {
+    if (j == 0) {
+        p[0] = f.q;
+        for (size_t i = 1; i < n; ++i) p[i] = f.t * a[i];
+        return;
+    }
+    const double aj = a[j];
+    for (size_t i = 0; i < n; ++i) p[i] = 2.0 * a[i] * aj;
+    p[j] += f.det;
+}
+
 // x^p into y (n entries); returns false, writing nothing, when an
 // eigenvalue of x is not positive.
 DRAVIK_HD inline bool soc_power(const double* x, size_t n, double p, double* y) {

@@ -155,7 +155,8 @@ __global__ void soc_violation_kernel(const double* x, double* partial, size_t di
     const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
     double square = 0.0;
     if (e < dim) {
-        const double residual = x[e] - soc_projected_entry(soc_projection(x[0], tail_norm), e, x[e]);
+        const SocProjection rule = soc_projection(x[0], tail_norm);
+        const double residual = x[e] - soc_projected_entry(rule, e, x[e]);
         square = residual * residual;
     }
     const double total = block_reduce(square, buffer, AddOp{});

@@ -30,6 +30,8 @@ using mirel::cones::cpp::SocPowerScalars;
 constexpr size_t kCublasMaxDim = 32;
 constexpr size_t kCublasMinBatch = 16;
 
+namespace {
+
 // Sum of term(i) over the tail i = 1..dim-1, reduced across the block
 // through the 256-double shared buffer; every thread gets the total.
 template <class Term>
@@ -50,12 +52,18 @@ struct SocNtCone {
     double d_az;  // tail dot product of A and z
     double u0;
 
-    __device__ double a(size_t i) const { return i == 0 ? pa.head : soc_power_tail_entry(pa, s[i]); }
-    __device__ double b(size_t i) const { return i == 0 ? pb.head : soc_power_tail_entry(pb, s[i]); }
+    __device__ double a(size_t i) const {
+        return i == 0 ? pa.head : soc_power_tail_entry(pa, s[i]);
+    }
+    __device__ double b(size_t i) const {
+        return i == 0 ? pb.head : soc_power_tail_entry(pb, s[i]);
+    }
     __device__ double u(size_t i) const {
         return i == 0 ? u0 : soc_quad_entry(fa, a(i), z[i], z[0], d_az);
     }
-    __device__ double g(size_t i) const { return i == 0 ? pg.head : soc_power_tail_entry(pg, u(i)); }
+    __device__ double g(size_t i) const {
+        return i == 0 ? pg.head : soc_power_tail_entry(pg, u(i));
+    }
 };
 
 // Forms A, B, u = P(A) z and G = u^1/2 with their factors, as the host
@@ -88,6 +96,8 @@ __device__ SocNtCone soc_nt_cone(const double* s, const double* z, size_t dim, d
                        }));
     return c;
 }
+
+}  // namespace
 
 // Block (cone b, column j): w = P(B) P(G) P(A) e_j into column j of matrix b.
 __global__ void soc_nt_scaling_columns_kernel(const double* s, const double* z, double* out,
