@@ -69,20 +69,8 @@ def test_projection_violation_membership_match_numpy(m, rng, dim, kind):
     assert cone.contains(x) == (kind == "inside")
     if kind == "inside":
         assert np.array_equal(out, x) and cone.violation(x) == 0.0
-    # The projection lies in the cone and projecting it again changes nothing.
-    again = np.empty(dim)
-    cone.project_into(out, again)
-    np.testing.assert_allclose(again, out, rtol=1e-13, atol=1e-15)
-
-
-@pytest.mark.parametrize("kind", ["inside", "polar", "between"])
-def test_projection_in_place_matches_separate_output(m, rng, dim, kind):
-    cone = m.SecondOrderConeCpp(dim)
-    x = sample(kind, dim, rng)
-    separate = np.empty(dim)
-    cone.project_into(x, separate)
-    cone.project_into(x, x)
-    assert np.array_equal(x, separate)
+    cone.project_into(x, x)  # input and output may be one array
+    assert np.array_equal(x, out)
 
 
 def test_documented_points(m):
@@ -138,20 +126,9 @@ def test_nan_inputs(m, x, projected):
 
 def test_unit_vectors(m):
     cone = m.SecondOrderConeCpp(4)
-    assert cone.unit_vector(0) == [1.0, 0.0, 0.0, 0.0]
-    assert cone.unit_vector_array(3).tolist() == [0.0, 0.0, 0.0, 1.0]
-    out = np.full(4, 7.0)
-    cone.unit_vector_into(1, out)
-    assert out.tolist() == [0.0, 1.0, 0.0, 0.0]
-    for call in (lambda: cone.unit_vector(4), lambda: cone.unit_vector_array(4),
-                 lambda: cone.unit_vector_into(4, out)):
-        with pytest.raises(RuntimeError, match="^unit vector index out of range$"):
-            call()
-    with pytest.raises(RuntimeError, match="^output expected 4 entries, got 3$"):
-        cone.unit_vector_into(9, np.empty(3))
-    with pytest.raises(RuntimeError,
-                       match="^output must be a CPU vector for dense helper output$"):
-        cone.unit_vector_into(9, fake.cuda(4))
+    assert cone.unit_vector(3) == [0.0, 0.0, 0.0, 1.0]
+    with pytest.raises(RuntimeError, match="^unit vector index out of range$"):
+        cone.unit_vector_array(4)
 
 
 HOST = np.zeros(3)
@@ -193,10 +170,3 @@ def test_violation_and_contains_checks(m, x, message):
     for call in (cone.violation, cone.contains):
         with pytest.raises(RuntimeError, match=f"^{message}$"):
             call(x)
-
-
-def test_failed_checks_leave_output_untouched(m):
-    out = np.full(3, 7.0)
-    with pytest.raises(RuntimeError):
-        m.SecondOrderConeCpp(3).project_into(np.zeros(2), out)
-    assert out.tolist() == [7.0, 7.0, 7.0]
