@@ -15,7 +15,8 @@ NB_MODULE(_cpp_cuda, m) {
     // SecondOrderConeCpp, PsdConeCpp, ExponentialConeCpp.
     register_zero_cone(m);
     register_nonnegative_cone(m);
-    // SecondOrderConeCpp and PsdConeCpp are registered here, in that order.
+    register_second_order_cone(m);
+    // PsdConeCpp is registered here.
     register_exponential_cone(m);
     // The PSD packing functions (psd_smat, psd_svec, psd_smat_into,
     // psd_svec_into) are registered after the classes.

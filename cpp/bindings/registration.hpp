@@ -10,5 +10,6 @@ void register_capabilities(nanobind::module_& m);
 void register_zero_cone(nanobind::module_& m);
 void register_nonnegative_cone(nanobind::module_& m);
 void register_exponential_cone(nanobind::module_& m);
+void register_second_order_cone(nanobind::module_& m);
 
 }  // namespace dravik::mirel::cones::cpp

@@ -8,6 +8,7 @@
 
 #include "cones/exponential_math.hpp"
 #include "cones/nonnegative_math.hpp"
+#include "cones/soc_algebra.hpp"
 #include "cuda/block_reduce.cuh"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
@@ -205,6 +206,53 @@ double exp_partials(const char* name, const double* x, size_t m, Combine combine
 
 }  // namespace
 
+// ------------------------------------------------------- second-order cone
+
+using mirel::cones::cpp::soc_projected_entry;
+using mirel::cones::cpp::soc_projection;
+using mirel::cones::cpp::SocProjection;
+
+// One thread per element. When input and output are one array, another
+// block may overwrite element 0 before this thread reads it, so the head
+// comes from the host; a one-entry cone runs a single thread, which reads
+// its own head.
+__global__ void soc_project_kernel(const double* x, double* out, size_t dim, double tail_norm,
+                                   double head) {
+    const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    if (e >= dim) return;
+    const double t = dim == 1 ? x[0] : head;
+    out[e] = soc_projected_entry(soc_projection(t, tail_norm), e, x[e]);
+}
+
+// One thread per element of the residual x - P(x); each block writes the
+// square root of its residual's sum of squares, so that the sum of the
+// squared partials is the squared distance.
+__global__ void soc_violation_kernel(const double* x, double* partial, size_t dim,
+                                     double tail_norm) {
+    __shared__ double buffer[kThreads];
+    const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    double square = 0.0;
+    if (e < dim) {
+        const SocProjection rule = soc_projection(x[0], tail_norm);
+        const double residual = x[e] - soc_projected_entry(rule, e, x[e]);
+        square = residual * residual;
+    }
+    const double total = block_reduce(square, buffer, AddOp{});
+    if (threadIdx.x == 0) partial[blockIdx.x] = sqrt(total);
+}
+
+namespace {
+
+constexpr int kModeSkipHead = 2;
+
+// |x[1..dim-1]| on the legacy default stream (the device is synchronised
+// when it returns); 0 without device work for a one-entry cone.
+double soc_tail_norm(const double* x, size_t dim) {
+    return dim <= 1 ? 0.0 : std::sqrt(device_sum_sq(x, dim, kModeSkipHead));
+}
+
+}  // namespace
+
 }  // namespace dravik::cuda
 
 using namespace dravik::cuda;
@@ -299,6 +347,38 @@ bool dravik_exp_contains_cuda(const double* x, size_t m, int device, double atol
         [](const double* partial, size_t blocks) { return device_max(partial, blocks, 0); },
         atol);
     return worst == 0.0;  // a NaN maximum is not contained
+}
+
+
+void dravik_soc_project_cuda(const double* x, double* out, size_t dim, int device,
+                             cudaStream_t stream) {
+    ensure_device(device);
+    if (dim == 0) return;
+    const double r = soc_tail_norm(x, dim);
+    const double head = dim == 1 ? 0.0 : copy_to_host(x);
+    launch<soc_project_kernel>("soc_project_kernel", ceil_blocks(dim), kThreads, 0, stream, x, out,
+                               dim, r, head);
+}
+
+double dravik_soc_violation_cuda(const double* x, size_t dim, int device) {
+    ensure_device(device);
+    if (dim == 0) return 0.0;
+    const double r = soc_tail_norm(x, dim);
+    const unsigned blocks = ceil_blocks(dim);
+    double* partial = device_alloc(blocks);
+    launch<soc_violation_kernel>("soc_violation_kernel", blocks, kThreads, 0, kLegacyStream, x,
+                                 partial, dim, r);
+    const double squared = device_sum_sq(partial, blocks, 0);
+    device_free(partial);
+    synchronize();
+    return std::sqrt(squared);
+}
+
+bool dravik_soc_contains_cuda(const double* x, size_t dim, int device, double atol) {
+    ensure_device(device);
+    if (dim == 0) return atol >= 0.0;
+    const double t = copy_to_host(x);
+    return t >= soc_tail_norm(x, dim) - atol;
 }
 
 }  // extern "C"

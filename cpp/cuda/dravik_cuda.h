@@ -39,6 +39,11 @@ DRAVIK_CUDA_API void dravik_exp_project_cuda(const double* x, double* out, size_
                                              cudaStream_t stream);
 DRAVIK_CUDA_API double dravik_exp_violation_cuda(const double* x, size_t m, int device);
 DRAVIK_CUDA_API bool dravik_exp_contains_cuda(const double* x, size_t m, int device, double atol);
+/* Second-order cone of dimension dim: projection, violation, membership. */
+DRAVIK_CUDA_API void dravik_soc_project_cuda(const double* x, double* out, size_t dim, int device,
+                                             cudaStream_t stream);
+DRAVIK_CUDA_API double dravik_soc_violation_cuda(const double* x, size_t dim, int device);
+DRAVIK_CUDA_API bool dravik_soc_contains_cuda(const double* x, size_t dim, int device, double atol);
 
 /* NT scaling batches. */
 DRAVIK_CUDA_API void dravik_zero_nt_scaling_batch_cuda(double* out, size_t dim, size_t batch,
@@ -50,6 +55,20 @@ DRAVIK_CUDA_API void dravik_nonnegative_nt_scaling_batch_cuda(const double* s, c
 DRAVIK_CUDA_API void dravik_exp_nt_scaling_batch_cuda(const double* s, const double* z,
                                                       double* out, size_t m, size_t batch,
                                                       int device, cudaStream_t stream);
+
+/* Second-order NT scaling: the method the batch function picks for (dim,
+ * batch), "custom" or "cublas" (pure, needs no device); the batch by that
+ * method; and the batch forced onto either method. */
+DRAVIK_CUDA_API const char* dravik_soc_nt_scaling_default_method_cuda(size_t dim, size_t batch);
+DRAVIK_CUDA_API void dravik_soc_nt_scaling_batch_cuda(const double* s, const double* z, double* out,
+                                                      size_t dim, size_t batch, int device,
+                                                      cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_soc_nt_scaling_batch_custom_cuda(const double* s, const double* z,
+                                                             double* out, size_t dim, size_t batch,
+                                                             int device, cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_soc_nt_scaling_batch_cublas_cuda(const double* s, const double* z,
+                                                             double* out, size_t dim, size_t batch,
+                                                             int device, cudaStream_t stream);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,267 @@
+// Second-order NT scaling on the device: W = P(B) P(G) P(A) per cone, with
+// A = s^-1/2, B = s^1/2 and G = (P(A) z)^1/2, either column by column in the
+// system's own kernel or as two strided batched products of the three
+// quadratic-representation factors through cuBLAS. Inputs are not checked
+// for interiority: a point outside the cone yields NaN or infinite entries.
+#include <cublas_v2.h>
+
+#include <mutex>
+#include <stdexcept>
+#include <string>
+
+#include "cones/soc_algebra.hpp"
+#include "cuda/block_reduce.cuh"
+#include "cuda/dravik_cuda.h"
+#include "cuda/frame.cuh"
+
+namespace dravik::cuda {
+
+using mirel::cones::cpp::soc_factors;
+using mirel::cones::cpp::soc_power_scalars;
+using mirel::cones::cpp::soc_power_tail_entry;
+using mirel::cones::cpp::soc_quad_entry;
+using mirel::cones::cpp::soc_quad_head;
+using mirel::cones::cpp::soc_quad_matrix_entry;
+using mirel::cones::cpp::SocFactors;
+using mirel::cones::cpp::SocPowerScalars;
+
+// The default rule: the batched products pay off only for small cones in
+// batches of at least 16.
+constexpr size_t kCublasMaxDim = 32;
+constexpr size_t kCublasMinBatch = 16;
+
+namespace {
+
+// Sum of term(i) over the tail i = 1..dim-1, reduced across the block
+// through the 256-double shared buffer; every thread gets the total.
+template <class Term>
+__device__ double block_tail_sum(size_t dim, double* shared, Term term) {
+    double partial = 0.0;
+    for (size_t i = 1 + threadIdx.x; i < dim; i += blockDim.x) partial += term(i);
+    return block_reduce(partial, shared, AddOp{});
+}
+
+// The scalars of one cone's W, the same in every thread of the block. No
+// tail is stored: A[i] and B[i] are multiples of s[i], u[i] follows from
+// A[i] and z[i], and G[i] is a multiple of u[i].
+struct SocNtCone {
+    const double* s;
+    const double* z;
+    SocPowerScalars pa, pb, pg;
+    SocFactors fa, fb, fg;
+    double d_az;  // tail dot product of A and z
+    double u0;
+
+    __device__ double a(size_t i) const {
+        return i == 0 ? pa.head : soc_power_tail_entry(pa, s[i]);
+    }
+    __device__ double b(size_t i) const {
+        return i == 0 ? pb.head : soc_power_tail_entry(pb, s[i]);
+    }
+    __device__ double u(size_t i) const {
+        return i == 0 ? u0 : soc_quad_entry(fa, a(i), z[i], z[0], d_az);
+    }
+    __device__ double g(size_t i) const {
+        return i == 0 ? pg.head : soc_power_tail_entry(pg, u(i));
+    }
+};
+
+// Forms A, B, u = P(A) z and G = u^1/2 with their factors, as the host
+// does, the tail sums being block reductions.
+__device__ SocNtCone soc_nt_cone(const double* s, const double* z, size_t dim, double* shared) {
+    SocNtCone c{};
+    c.s = s;
+    c.z = z;
+    const double s_tail = block_tail_sum(dim, shared, [&](size_t i) { return s[i] * s[i]; });
+    c.pa = soc_power_scalars(s[0], s_tail, -0.5);
+    c.pb = soc_power_scalars(s[0], s_tail, 0.5);
+    c.fa = soc_factors(c.pa.head, block_tail_sum(dim, shared, [&](size_t i) {
+                           const double ai = c.a(i);
+                           return ai * ai;
+                       }));
+    c.fb = soc_factors(c.pb.head, block_tail_sum(dim, shared, [&](size_t i) {
+                           const double bi = c.b(i);
+                           return bi * bi;
+                       }));
+    c.d_az = block_tail_sum(dim, shared, [&](size_t i) { return c.a(i) * z[i]; });
+    c.u0 = soc_quad_head(c.fa, z[0], c.d_az);
+    const double u_tail = block_tail_sum(dim, shared, [&](size_t i) {
+        const double ui = c.u(i);
+        return ui * ui;
+    });
+    c.pg = soc_power_scalars(c.u0, u_tail, 0.5);
+    c.fg = soc_factors(c.pg.head, block_tail_sum(dim, shared, [&](size_t i) {
+                           const double gi = c.g(i);
+                           return gi * gi;
+                       }));
+    return c;
+}
+
+}  // namespace
+
+// Block (cone b, column j): w = P(B) P(G) P(A) e_j into column j of matrix b.
+__global__ void soc_nt_scaling_columns_kernel(const double* s, const double* z, double* out,
+                                              size_t dim) {
+    extern __shared__ double shared[];
+    const size_t cone = blockIdx.x;
+    const size_t j = blockIdx.y;
+    const SocNtCone c = soc_nt_cone(s + cone * dim, z + cone * dim, dim, shared);
+    const double aj = c.a(j);
+    auto p = [&](size_t i) { return soc_quad_matrix_entry(c.fa, i, j, c.a(i), aj); };
+    const double p0 = p(0);
+    const double d_gp = block_tail_sum(dim, shared, [&](size_t i) { return c.g(i) * p(i); });
+    const double v0 = soc_quad_head(c.fg, p0, d_gp);
+    auto v = [&](size_t i) { return soc_quad_entry(c.fg, c.g(i), p(i), p0, d_gp); };
+    const double d_bv = block_tail_sum(dim, shared, [&](size_t i) { return c.b(i) * v(i); });
+    double* w = out + cone * dim * dim;
+    for (size_t i = threadIdx.x; i < dim; i += blockDim.x) {
+        w[i * dim + j] = i == 0 ? soc_quad_head(c.fb, v0, d_bv)
+                                : soc_quad_entry(c.fb, c.b(i), v(i), v0, d_bv);
+    }
+}
+
+// Block b: the row-major factors F1 = P(B), F2 = P(G), F3 = P(A) of cone b,
+// whose product F1 F2 F3 is its W.
+__global__ void soc_cublas_prepare_factors_kernel(const double* s, const double* z, double* f1,
+                                                  double* f2, double* f3, size_t dim) {
+    extern __shared__ double shared[];
+    const size_t cone = blockIdx.x;
+    const SocNtCone c = soc_nt_cone(s + cone * dim, z + cone * dim, dim, shared);
+    const size_t offset = cone * dim * dim;
+    for (size_t e = threadIdx.x; e < dim * dim; e += blockDim.x) {
+        const size_t i = e / dim;
+        const size_t j = e % dim;
+        f1[offset + e] = soc_quad_matrix_entry(c.fb, i, j, c.b(i), c.b(j));
+        f2[offset + e] = soc_quad_matrix_entry(c.fg, i, j, c.g(i), c.g(j));
+        f3[offset + e] = soc_quad_matrix_entry(c.fa, i, j, c.a(i), c.a(j));
+    }
+}
+
+namespace {
+
+void check_cublas(cublasStatus_t status, const char* name) {
+    if (status == CUBLAS_STATUS_SUCCESS) return;
+    throw std::runtime_error(std::string(name) + " failed with cuBLAS status " +
+                             std::to_string(static_cast<int>(status)));
+}
+
+// The module's process-wide handle, created once (a failed creation is
+// retried by the next call) in host pointer mode, and never destroyed.
+cublasHandle_t soc_cublas_handle() {
+    static std::once_flag created;
+    static cublasHandle_t handle = nullptr;
+    std::call_once(created, [] {
+        cublasHandle_t h = nullptr;
+        check_cublas(cublasCreate(&h), "cublasCreate");
+        cublasStatus_t mode = cublasSetPointerMode(h, CUBLAS_POINTER_MODE_HOST);
+        if (mode != CUBLAS_STATUS_SUCCESS) cublasDestroy(h);
+        check_cublas(mode, "cublasSetPointerMode");
+        handle = h;
+    });
+    return handle;
+}
+
+// c := x y for every matrix of the batch, all row-major dim x dim. cuBLAS
+// reads column-major, where a row-major matrix is its transpose, so passing
+// y as its A operand and x as its B operand yields (x y)^T column-major,
+// which is x y row-major.
+void batched_product(const double* x, const double* y, double* c, size_t dim, size_t batch,
+                     cudaStream_t stream) {
+    cublasHandle_t handle = soc_cublas_handle();
+    check_cublas(cublasSetStream(handle, stream), "cublasSetStream");
+    const double alpha = 1.0;
+    const double beta = 0.0;
+    const int n = static_cast<int>(dim);
+    const long long stride = static_cast<long long>(dim * dim);
+    check_cublas(cublasDgemmStridedBatched(handle, CUBLAS_OP_N, CUBLAS_OP_N, n, n, n, &alpha, y, n,
+                                           stride, x, n, stride, &beta, c, n, stride,
+                                           static_cast<int>(batch)),
+                 "cublasDgemmStridedBatched");
+}
+
+// One cudaMalloc block, freed (status unchecked) however the call ends.
+class ScratchBuffer {
+public:
+    explicit ScratchBuffer(size_t count) : data_(device_alloc(count)) {}
+    ~ScratchBuffer() { cudaFree(data_); }
+    ScratchBuffer(const ScratchBuffer&) = delete;
+    ScratchBuffer& operator=(const ScratchBuffer&) = delete;
+    double* get() const { return data_; }
+
+private:
+    double* data_;
+};
+
+// F1, F2, F3 and T, allocated in that order; members already built are
+// freed when a later allocation fails, and all four in reverse order on
+// every other exit.
+struct CublasScratch {
+    explicit CublasScratch(size_t count) : f1(count), f2(count), f3(count), t(count) {}
+    ScratchBuffer f1, f2, f3, t;
+};
+
+void launch_columns(const double* s, const double* z, double* out, size_t dim, size_t batch,
+                    cudaStream_t stream) {
+    launch<soc_nt_scaling_columns_kernel>(
+        "soc_nt_scaling_columns_kernel",
+        dim3(static_cast<unsigned>(batch), static_cast<unsigned>(dim)), kThreads,
+        kBlockReduceBytes, stream, s, z, out, dim);
+}
+
+void run_cublas(const double* s, const double* z, double* out, size_t dim, size_t batch,
+                cudaStream_t stream) {
+    CublasScratch scratch(dim * dim * batch);
+    launch<soc_cublas_prepare_factors_kernel>(
+        "soc_cublas_prepare_factors_kernel", static_cast<unsigned>(batch), kThreads,
+        kBlockReduceBytes, stream, s, z, scratch.f1.get(), scratch.f2.get(), scratch.f3.get(),
+        dim);
+    batched_product(scratch.f1.get(), scratch.f2.get(), scratch.t.get(), dim, batch, stream);
+    batched_product(scratch.t.get(), scratch.f3.get(), out, dim, batch, stream);
+}
+
+bool nothing_to_do(size_t dim, size_t batch) { return dim == 0 || batch == 0; }
+
+bool cublas_by_default(size_t dim, size_t batch) {
+    return dim <= kCublasMaxDim && batch >= kCublasMinBatch;
+}
+
+}  // namespace
+
+}  // namespace dravik::cuda
+
+using namespace dravik::cuda;
+
+extern "C" {
+
+const char* dravik_soc_nt_scaling_default_method_cuda(size_t dim, size_t batch) {
+    return cublas_by_default(dim, batch) ? "cublas" : "custom";
+}
+
+void dravik_soc_nt_scaling_batch_cuda(const double* s, const double* z, double* out, size_t dim,
+                                      size_t batch, int device, cudaStream_t stream) {
+    ensure_device(device);
+    if (nothing_to_do(dim, batch)) return;
+    if (cublas_by_default(dim, batch)) {
+        run_cublas(s, z, out, dim, batch, stream);
+    } else {
+        launch_columns(s, z, out, dim, batch, stream);
+    }
+}
+
+void dravik_soc_nt_scaling_batch_custom_cuda(const double* s, const double* z, double* out,
+                                             size_t dim, size_t batch, int device,
+                                             cudaStream_t stream) {
+    ensure_device(device);
+    if (nothing_to_do(dim, batch)) return;
+    launch_columns(s, z, out, dim, batch, stream);
+}
+
+void dravik_soc_nt_scaling_batch_cublas_cuda(const double* s, const double* z, double* out,
+                                             size_t dim, size_t batch, int device,
+                                             cudaStream_t stream) {
+    ensure_device(device);
+    if (nothing_to_do(dim, batch)) return;
+    run_cublas(s, z, out, dim, batch, stream);
+}
+
+}  // extern "C"
