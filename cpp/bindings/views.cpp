@@ -60,4 +60,27 @@ VectorView dense_output_view(const ArrayRef& array, uint64_t length, const char*
     return view;
 }
 
+InOutViews in_out_views(const ArrayRef& input, const ArrayRef& output, uint64_t length) {
+    VectorView in = checked_vector_view(input, length, "input");
+    VectorView out = checked_vector_view(output, length, "output");
+    require_same_device(in, out);
+    return {in, out};
+}
+
+NtBatchViews nt_batch_views(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
+                            uint64_t rows, uint64_t batch) {
+    VectorView sv = checked_vector_view(s, rows * batch, "s");
+    VectorView zv = checked_vector_view(z, rows * batch, "z");
+    VectorView out = checked_vector_view(output, rows * rows * batch, "output");
+    require_same_input_device(sv, zv);
+    require_same_device(sv, out);
+    return {sv, zv, out};
+}
+
+DensePair dense_pair_views(const ArrayRef& s, const ArrayRef& z, uint64_t length) {
+    VectorView sv = dense_input_view(s, length, "s");
+    VectorView zv = dense_input_view(z, length, "z");
+    return {sv, zv};
+}
+
 }  // namespace dravik::mirel::cones::cpp

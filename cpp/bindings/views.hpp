@@ -59,4 +59,30 @@ void require_cuda_runtime();
 VectorView dense_input_view(const ArrayRef& array, uint64_t length, const char* name);
 VectorView dense_output_view(const ArrayRef& array, uint64_t length, const char* name);
 
+// The view sets most operations start with, each checked in parameter order
+// (length before device per argument), then the same-device checks.
+struct InOutViews {
+    VectorView in;
+    VectorView out;
+};
+// input and output of `length` entries, on one device.
+InOutViews in_out_views(const ArrayRef& input, const ArrayRef& output, uint64_t length);
+
+struct NtBatchViews {
+    VectorView s;
+    VectorView z;
+    VectorView out;
+};
+// s and z of rows * batch entries and output of rows^2 * batch; s and z on
+// one device, then output on the device of s.
+NtBatchViews nt_batch_views(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
+                            uint64_t rows, uint64_t batch);
+
+struct DensePair {
+    VectorView s;
+    VectorView z;
+};
+// s then z as dense host inputs of `length` entries.
+DensePair dense_pair_views(const ArrayRef& s, const ArrayRef& z, uint64_t length);
+
 }  // namespace dravik::mirel::cones::cpp

@@ -45,9 +45,8 @@ ExponentialConeCpp::ExponentialConeCpp(uint64_t blocks) : blocks_(blocks) {
 void ExponentialConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
                                       uint64_t stream) const {
     const uint64_t n = rows();
-    VectorView in = checked_vector_view(input, n, "input");
-    VectorView out = checked_vector_view(output, n, "output");
-    require_same_device(in, out);
+    const InOutViews io = in_out_views(input, output, n);
+    const VectorView &in = io.in, &out = io.out;
     if (is_cuda(in)) {
         require_cuda_runtime();
         dravik_exp_project_cuda(in.data, out.data, blocks_, in.device_id, as_stream(stream));
@@ -91,8 +90,8 @@ bool ExponentialConeCpp::contains(const ArrayRef& input, double atol) const {
 // s-block and z-block, through the checked rank-two builder.
 std::vector<double> ExponentialConeCpp::dense_scaling(const ArrayRef& s, const ArrayRef& z) const {
     const uint64_t n = rows();
-    VectorView sv = dense_input_view(s, n, "s");
-    VectorView zv = dense_input_view(z, n, "z");
+    const DensePair p = dense_pair_views(s, z, n);
+    const VectorView &sv = p.s, &zv = p.z;
     std::vector<double> values(n * n, 0.0);
     for (uint64_t k = 0; k < blocks_; ++k) {
         const double* sk = sv.data + 3 * k;
@@ -126,11 +125,8 @@ void ExponentialConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const A
                                                       const ArrayRef& output, uint64_t batch,
                                                       uint64_t stream) const {
     const uint64_t n = rows();
-    VectorView sv = checked_vector_view(s, n * batch, "s");
-    VectorView zv = checked_vector_view(z, n * batch, "z");
-    VectorView out = checked_vector_view(output, n * n * batch, "output");
-    require_same_input_device(sv, zv);
-    require_same_device(sv, out);
+    const NtBatchViews v = nt_batch_views(s, z, output, n, batch);
+    const VectorView &sv = v.s, &zv = v.z, &out = v.out;
     if (is_cuda(out)) {
         // The device evaluates the blocks without the interior tests.
         require_cuda_runtime();

@@ -50,9 +50,8 @@ void require_positive_pairs(const double* s, const double* z, uint64_t n) {
 
 void NonnegativeConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
                                       uint64_t stream) const {
-    VectorView in = checked_vector_view(input, dim_, "input");
-    VectorView out = checked_vector_view(output, dim_, "output");
-    require_same_device(in, out);
+    const InOutViews io = in_out_views(input, output, dim_);
+    const VectorView &in = io.in, &out = io.out;
     if (is_cuda(in)) {
         require_cuda_runtime();
         dravik_nonnegative_project_cuda(in.data, out.data, dim_, in.device_id, as_stream(stream));
@@ -88,15 +87,15 @@ bool NonnegativeConeCpp::contains(const ArrayRef& input, double atol) const {
 
 std::vector<double> NonnegativeConeCpp::nt_scaling_matrix(const ArrayRef& s,
                                                           const ArrayRef& z) const {
-    VectorView sv = dense_input_view(s, dim_, "s");
-    VectorView zv = dense_input_view(z, dim_, "z");
+    const DensePair p = dense_pair_views(s, z, dim_);
+    const VectorView &sv = p.s, &zv = p.z;
     return diagonal_ratio_values(zv.data, sv.data, dim_, kScalingLabel);
 }
 
 OwnedArray NonnegativeConeCpp::nt_scaling_matrix_array(const ArrayRef& s,
                                                        const ArrayRef& z) const {
-    VectorView sv = dense_input_view(s, dim_, "s");
-    VectorView zv = dense_input_view(z, dim_, "z");
+    const DensePair p = dense_pair_views(s, z, dim_);
+    const VectorView &sv = p.s, &zv = p.z;
     return diagonal_ratio_array(zv.data, sv.data, dim_, kScalingLabel);
 }
 
@@ -109,11 +108,8 @@ void NonnegativeConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const A
                                                       const ArrayRef& output, uint64_t batch,
                                                       uint64_t stream) const {
     const uint64_t n = dim_;
-    VectorView sv = checked_vector_view(s, n * batch, "s");
-    VectorView zv = checked_vector_view(z, n * batch, "z");
-    VectorView out = checked_vector_view(output, n * n * batch, "output");
-    require_same_input_device(sv, zv);
-    require_same_device(sv, out);
+    const NtBatchViews v = nt_batch_views(s, z, output, n, batch);
+    const VectorView &sv = v.s, &zv = v.z, &out = v.out;
     if (is_cuda(out)) {
         // The device writes whatever the quotients give; no positivity test.
         require_cuda_runtime();

@@ -27,9 +27,8 @@ void ZeroConeCpp::require_zero_pair(const double* s, const double* z, uint64_t n
 
 void ZeroConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
                                uint64_t stream) const {
-    VectorView in = checked_vector_view(input, dim_, "input");
-    VectorView out = checked_vector_view(output, dim_, "output");
-    require_same_device(in, out);
+    const InOutViews io = in_out_views(input, output, dim_);
+    const VectorView &in = io.in, &out = io.out;
     if (is_cuda(in)) {
         require_cuda_runtime();
         dravik_zero_project_cuda(in.data, out.data, dim_, in.device_id, as_stream(stream));
@@ -66,15 +65,15 @@ bool ZeroConeCpp::contains(const ArrayRef& input, double atol) const {
 }
 
 std::vector<double> ZeroConeCpp::nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const {
-    VectorView sv = dense_input_view(s, dim_, "s");
-    VectorView zv = dense_input_view(z, dim_, "z");
+    const DensePair p = dense_pair_views(s, z, dim_);
+    const VectorView &sv = p.s, &zv = p.z;
     require_zero_pair(sv.data, zv.data, dim_);
     return identity_values(dim_);
 }
 
 OwnedArray ZeroConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
-    VectorView sv = dense_input_view(s, dim_, "s");
-    VectorView zv = dense_input_view(z, dim_, "z");
+    const DensePair p = dense_pair_views(s, z, dim_);
+    const VectorView &sv = p.s, &zv = p.z;
     require_zero_pair(sv.data, zv.data, dim_);
     return identity_array(dim_);
 }
@@ -88,11 +87,8 @@ void ZeroConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef
                                                const ArrayRef& output, uint64_t batch,
                                                uint64_t stream) const {
     const uint64_t n = dim_;
-    VectorView sv = checked_vector_view(s, n * batch, "s");
-    VectorView zv = checked_vector_view(z, n * batch, "z");
-    VectorView out = checked_vector_view(output, n * n * batch, "output");
-    require_same_input_device(sv, zv);
-    require_same_device(sv, out);
+    const NtBatchViews v = nt_batch_views(s, z, output, n, batch);
+    const VectorView &sv = v.s, &zv = v.z, &out = v.out;
     if (is_cuda(out)) {
         require_cuda_runtime();
         dravik_zero_nt_scaling_batch_cuda(out.data, n, batch, out.device_id, as_stream(stream));
