@@ -253,6 +253,21 @@ double soc_tail_norm(const double* x, size_t dim) {
 
 }  // namespace
 
+// Zero and nonnegative cones: the violation is the root of a sum of squares
+// and membership compares atol with a maximum, both under the cone's mode
+// (0 zero, 1 nonnegative); an empty vector needs no device work.
+double elementwise_violation(const double* x, size_t n, int device, int mode) {
+    ensure_device(device);
+    if (n == 0) return 0.0;
+    return std::sqrt(device_sum_sq(x, n, mode));
+}
+
+bool elementwise_contains(const double* x, size_t n, int device, double atol, int mode) {
+    ensure_device(device);
+    const double reference = n == 0 ? 0.0 : device_max(x, n, mode);
+    return atol >= reference;
+}
+
 }  // namespace dravik::cuda
 
 using namespace dravik::cuda;
@@ -279,15 +294,11 @@ void dravik_zero_project_cuda(const double* /*x*/, double* out, size_t n, int de
 }
 
 double dravik_zero_violation_cuda(const double* x, size_t n, int device) {
-    ensure_device(device);
-    if (n == 0) return 0.0;
-    return std::sqrt(device_sum_sq(x, n, 0));
+    return elementwise_violation(x, n, device, 0);
 }
 
 bool dravik_zero_contains_cuda(const double* x, size_t n, int device, double atol) {
-    ensure_device(device);
-    const double reference = n == 0 ? 0.0 : device_max(x, n, 0);
-    return atol >= reference;
+    return elementwise_contains(x, n, device, atol, 0);
 }
 
 void dravik_nonnegative_project_cuda(const double* x, double* out, size_t n, int device,
@@ -311,15 +322,11 @@ void dravik_nonnegative_project_cuda(const double* x, double* out, size_t n, int
 }
 
 double dravik_nonnegative_violation_cuda(const double* x, size_t n, int device) {
-    ensure_device(device);
-    if (n == 0) return 0.0;
-    return std::sqrt(device_sum_sq(x, n, 1));
+    return elementwise_violation(x, n, device, 1);
 }
 
 bool dravik_nonnegative_contains_cuda(const double* x, size_t n, int device, double atol) {
-    ensure_device(device);
-    const double reference = n == 0 ? 0.0 : device_max(x, n, 1);
-    return atol >= reference;
+    return elementwise_contains(x, n, device, atol, 1);
 }
 
 void dravik_exp_project_cuda(const double* x, double* out, size_t m, int device,
