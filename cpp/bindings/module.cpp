@@ -14,6 +14,11 @@ NB_MODULE(_cpp_cuda, m) {
     // Cone classes, in this order: ZeroConeCpp, NonnegativeConeCpp,
     // SecondOrderConeCpp, PsdConeCpp, ExponentialConeCpp.
     register_zero_cone(m);
-    // The PSD packing functions (psd_smat, psd_svec, psd_smat_into,
-    // psd_svec_into) are registered after the classes.
+    // NonnegativeConeCpp
+    // SecondOrderConeCpp
+    register_psd_cone(m);
+    // ExponentialConeCpp
+    // The PSD packing functions after the classes, then the internals.
+    register_psd_functions(m);
+    register_psd_test_hooks(m);
 }

@@ -8,5 +8,9 @@ namespace dravik::mirel::cones::cpp {
 
 void register_capabilities(nanobind::module_& m);
 void register_zero_cone(nanobind::module_& m);
+void register_psd_cone(nanobind::module_& m);
+void register_psd_functions(nanobind::module_& m);
+// Underscore-prefixed internals for tests and benchmarks; registered last.
+void register_psd_test_hooks(nanobind::module_& m);
 
 }  // namespace dravik::mirel::cones::cpp

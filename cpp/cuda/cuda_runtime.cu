@@ -1,11 +1,13 @@
 // The runtime module: the frame every device module shares (device
 // selection, error reporting, scratch and copies), availability and version,
 // the two reduction drivers with their kernels, and the elementwise
-// projection, violation and membership functions.
+// projection, violation and membership functions (with the one-thread
+// closed forms for a single 2 x 2 PSD matrix).
 #include <cmath>
 #include <stdexcept>
 #include <string>
 
+#include "cones/psd2.hpp"
 #include "cuda/block_reduce.cuh"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
@@ -126,6 +128,15 @@ double device_max(const double* data, size_t count, int mode) {
     return reduce_passes<reduce_max_kernel>(data, count, mode, "reduce_max_kernel");
 }
 
+// One thread for the whole 2 x 2 matrix; out may be x.
+__global__ void psd2_project_kernel(const double* x, double* out) {
+    dravik::mirel::cones::cpp::psd2_project(x, out);
+}
+
+__global__ void psd2_violation_kernel(const double* x, double* result) {
+    *result = dravik::mirel::cones::cpp::psd2_violation(x);
+}
+
 }  // namespace dravik::cuda
 
 using namespace dravik::cuda;
@@ -161,6 +172,26 @@ bool dravik_zero_contains_cuda(const double* x, size_t n, int device, double ato
     ensure_device(device);
     const double reference = n == 0 ? 0.0 : device_max(x, n, 0);
     return atol >= reference;
+}
+
+void dravik_psd2_project_cuda(const double* x, double* out, int device, cudaStream_t stream) {
+    ensure_device(device);
+    launch<psd2_project_kernel>("psd2_project_kernel", 1, 1, 0, stream, x, out);
+}
+
+double dravik_psd2_violation_cuda(const double* x, int device) {
+    ensure_device(device);
+    double* result = device_alloc(1);
+    launch<psd2_violation_kernel>("psd2_violation_kernel", 1, 1, 0, kLegacyStream, x, result);
+    const double value = copy_to_host(result);
+    device_free(result);
+    synchronize();
+    return value;
+}
+
+// Device selection is left to the violation it delegates to.
+bool dravik_psd2_contains_cuda(const double* x, int device, double atol) {
+    return atol >= dravik_psd2_violation_cuda(x, device);
 }
 
 }  // extern "C"

@@ -27,9 +27,22 @@ DRAVIK_CUDA_API void dravik_zero_project_cuda(const double* x, double* out, size
 DRAVIK_CUDA_API double dravik_zero_violation_cuda(const double* x, size_t n, int device);
 DRAVIK_CUDA_API bool dravik_zero_contains_cuda(const double* x, size_t n, int device, double atol);
 
+/* One 2 x 2 PSD matrix in svec form: projection, violation, membership. */
+DRAVIK_CUDA_API void dravik_psd2_project_cuda(const double* x, double* out, int device,
+                                              cudaStream_t stream);
+DRAVIK_CUDA_API double dravik_psd2_violation_cuda(const double* x, int device);
+DRAVIK_CUDA_API bool dravik_psd2_contains_cuda(const double* x, int device, double atol);
+
 /* NT scaling batches. */
 DRAVIK_CUDA_API void dravik_zero_nt_scaling_batch_cuda(double* out, size_t dim, size_t batch,
                                                        int device, cudaStream_t stream);
+
+/* PSD packing of `batch` matrices: dense dim x dim blocks <-> svec runs of
+ * dim (dim + 1) / 2 entries. */
+DRAVIK_CUDA_API void dravik_psd_svec_cuda(const double* matrix, double* svec, size_t dim,
+                                          size_t batch, int device, cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_psd_smat_cuda(const double* svec, double* matrix, size_t dim,
+                                          size_t batch, int device, cudaStream_t stream);
 
 #ifdef __cplusplus
 }
