@@ -4,8 +4,6 @@ and CuPy or PyTorch are present; skipped with the reason elsewhere."""
 import numpy as np
 import pytest
 
-import fake_dlpack as fake
-
 R2 = np.sqrt(2.0)
 CASES = [[1.0, 2.0 * R2, 1.0], [2.0, 0.0, -3.0], [-1.0, 0.5, -2.0], [4.0, 0.0, 4.0],
          [-3.0, 0.0, -3.0], [1.0, R2 * 1e-13, -1.0], [0.0, 0.0, 0.0], [5.0, -1.0, 0.1]]
@@ -20,7 +18,9 @@ def test_two_by_two_matches_the_host(m, gpu, x):
     out = gpu.empty(3)
     cone.project_into(gpu.to_device(x), out)
     gpu.synchronize()
-    assert gpu.to_host(out) == pytest.approx(host, abs=1e-14)
+    # The host counts an off-diagonal entry below 1e-12 as zero; the closed
+    # form does not, so the two differ by up to about that much.
+    assert gpu.to_host(out) == pytest.approx(host, abs=1e-12)
     d = gpu.to_device(x)
     v = cone.violation(x)
     assert cone.violation(d) == pytest.approx(v, abs=1e-14)
@@ -60,13 +60,3 @@ def test_packing_matches_the_host(m, gpu, rng, n):
 def test_dim_zero_packing_launches_nothing(m, gpu):
     m.psd_svec_into(gpu.to_device(np.zeros(0)), gpu.empty(0), 0)
     m.psd_smat_into(gpu.to_device(np.zeros(0)), gpu.empty(0), 0)
-
-
-@pytest.mark.parametrize("dim", [1, 3])
-def test_other_dims_are_refused_on_the_device(m, gpu, dim):
-    # Fake arrays: refused before any kernel could see them.
-    cone = m.PsdConeCpp(dim)
-    for call, what in [(lambda x: cone.project_into(x, fake.cuda(cone.rows)), "projection"),
-                       (cone.violation, "violation"), (lambda x: cone.contains(x), "membership")]:
-        with pytest.raises(RuntimeError, match=f"^CUDA PSD {what} currently supports dim=2$"):
-            call(fake.cuda(cone.rows))

@@ -53,6 +53,18 @@ def test_dim_zero_gives_empty_results(m):
     m.psd_smat_into(np.zeros(0), np.zeros(0), 0)
 
 
+@pytest.mark.parametrize("call", [
+    lambda m: m.psd_svec_into(np.zeros(1), np.zeros(0), 2**64 - 1),   # n * n wraps round to 1
+    lambda m: m.psd_smat_into(np.zeros(0), np.zeros(1), 2**64 - 1),
+    lambda m: m.psd_svec(np.zeros(0), 2**32),
+    lambda m: m.PsdConeCpp(2**64 - 1),                                # rows would wrap to 0
+    lambda m: m._jacobi_eigh(np.zeros(0), 2**32),
+])
+def test_orders_whose_sizes_overflow_are_refused(m, call):
+    with pytest.raises(ValueError, match="^PSD matrix order too large: dim \\* dim overflows$"):
+        call(m)
+
+
 def test_functions_come_last_in_registration_order(m):
     names = [n for n in vars(m) if not n.startswith("_")]
     assert names[-4:] == ["psd_smat", "psd_svec", "psd_smat_into", "psd_svec_into"]

@@ -9,6 +9,7 @@
 #include "bindings/registration.hpp"
 #include "cones/jacobi.hpp"
 #include "cones/psd2.hpp"
+#include "cones/svec.hpp"
 
 namespace dravik::mirel::cones::cpp {
 namespace {
@@ -17,6 +18,7 @@ using JacobiFn = void (*)(std::vector<double>&, std::vector<double>&, uint64_t);
 
 // (eigenvalues, eigenvectors as columns of an n x n array) of a row-major matrix.
 nb::tuple decompose(JacobiFn jacobi, ReadVector matrix, uint64_t n) {
+    require_psd_order(n);
     VectorView in = dense_input_view(array_ref(matrix), n * n, "matrix");
     std::vector<double> a(in.data, in.data + n * n);
     std::vector<double> v;

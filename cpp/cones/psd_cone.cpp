@@ -22,6 +22,7 @@ void require_device_dim(uint64_t dim, const char* message) {
 
 PsdConeCpp::PsdConeCpp(uint64_t dim) : dim_(dim), rows_(svec_length(dim)) {
     if (dim == 0) fail("PSD cone dim must be positive");
+    require_psd_order(dim);
 }
 
 void psd_project_host(const double* x, double* out, uint64_t n) {

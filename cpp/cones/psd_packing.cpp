@@ -21,6 +21,7 @@ void pack_from_copy(const double* matrix, uint64_t n, double* x) {
 
 void psd_svec_into(const ArrayRef& matrix, const ArrayRef& output, uint64_t dim,
                    uint64_t stream) {
+    require_psd_order(dim);
     VectorView in = checked_vector_view(matrix, dim * dim, "matrix");
     VectorView out = checked_vector_view(output, svec_length(dim), "output");
     require_same_device(in, out);
@@ -33,6 +34,7 @@ void psd_svec_into(const ArrayRef& matrix, const ArrayRef& output, uint64_t dim,
 }
 
 void psd_smat_into(const ArrayRef& svec, const ArrayRef& output, uint64_t dim, uint64_t stream) {
+    require_psd_order(dim);
     VectorView in = checked_vector_view(svec, svec_length(dim), "svec");
     VectorView out = checked_vector_view(output, dim * dim, "output");
     require_same_device(in, out);
@@ -46,6 +48,7 @@ void psd_smat_into(const ArrayRef& svec, const ArrayRef& output, uint64_t dim, u
 }
 
 OwnedArray psd_svec_array(const ArrayRef& matrix, uint64_t dim) {
+    require_psd_order(dim);
     VectorView in = dense_input_view(matrix, dim * dim, "matrix");
     std::vector<double> x(svec_length(dim), 0.0);
     pack_from_copy(in.data, dim, x.data());
@@ -55,6 +58,7 @@ OwnedArray psd_svec_array(const ArrayRef& matrix, uint64_t dim) {
 }
 
 OwnedArray psd_smat_array(const ArrayRef& svec, uint64_t dim) {
+    require_psd_order(dim);
     VectorView in = dense_input_view(svec, svec_length(dim), "svec");
     return dense_matrix_array(smat_unpack(in.data, dim), dim, "PSD smat");
 }
