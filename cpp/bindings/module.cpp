@@ -16,8 +16,9 @@ NB_MODULE(_cpp_cuda, m) {
     register_zero_cone(m);
     register_nonnegative_cone(m);
     register_second_order_cone(m);
-    // PsdConeCpp is registered here.
+    register_psd_cone(m);
     register_exponential_cone(m);
-    // The PSD packing functions (psd_smat, psd_svec, psd_smat_into,
-    // psd_svec_into) are registered after the classes.
+    // The PSD packing functions after the classes, then the internals.
+    register_psd_functions(m);
+    register_psd_test_hooks(m);
 }

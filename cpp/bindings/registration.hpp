@@ -11,5 +11,9 @@ void register_zero_cone(nanobind::module_& m);
 void register_nonnegative_cone(nanobind::module_& m);
 void register_exponential_cone(nanobind::module_& m);
 void register_second_order_cone(nanobind::module_& m);
+void register_psd_cone(nanobind::module_& m);
+void register_psd_functions(nanobind::module_& m);
+// Underscore-prefixed internals for tests and benchmarks; registered last.
+void register_psd_test_hooks(nanobind::module_& m);
 
 }  // namespace dravik::mirel::cones::cpp

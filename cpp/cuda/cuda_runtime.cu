@@ -1,7 +1,8 @@
 // The runtime module: the frame every device module shares (device
 // selection, error reporting, scratch and copies), availability and version,
 // the two reduction drivers with their kernels, and the elementwise
-// projection, violation and membership functions.
+// projection, violation and membership functions (with the one-thread
+// closed forms for a single 2 x 2 PSD matrix).
 #include <cmath>
 #include <stdexcept>
 #include <string>
@@ -9,6 +10,7 @@
 #include "cones/exponential_math.hpp"
 #include "cones/nonnegative_math.hpp"
 #include "cones/soc_algebra.hpp"
+#include "cones/psd2.hpp"
 #include "cuda/block_reduce.cuh"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
@@ -268,6 +270,17 @@ bool elementwise_contains(const double* x, size_t n, int device, double atol, in
     return atol >= reference;
 }
 
+// ------------------------------------------------------- 2 x 2 PSD
+
+// One thread for the whole 2 x 2 matrix; out may be x.
+__global__ void psd2_project_kernel(const double* x, double* out) {
+    dravik::mirel::cones::cpp::psd2_project(x, out);
+}
+
+__global__ void psd2_violation_kernel(const double* x, double* result) {
+    *result = dravik::mirel::cones::cpp::psd2_violation(x);
+}
+
 }  // namespace dravik::cuda
 
 using namespace dravik::cuda;
@@ -356,7 +369,6 @@ bool dravik_exp_contains_cuda(const double* x, size_t m, int device, double atol
     return worst == 0.0;  // a NaN maximum is not contained
 }
 
-
 void dravik_soc_project_cuda(const double* x, double* out, size_t dim, int device,
                              cudaStream_t stream) {
     ensure_device(device);
@@ -386,6 +398,26 @@ bool dravik_soc_contains_cuda(const double* x, size_t dim, int device, double at
     if (dim == 0) return atol >= 0.0;
     const double t = copy_to_host(x);
     return t >= soc_tail_norm(x, dim) - atol;
+}
+
+void dravik_psd2_project_cuda(const double* x, double* out, int device, cudaStream_t stream) {
+    ensure_device(device);
+    launch<psd2_project_kernel>("psd2_project_kernel", 1, 1, 0, stream, x, out);
+}
+
+double dravik_psd2_violation_cuda(const double* x, int device) {
+    ensure_device(device);
+    double* result = device_alloc(1);
+    launch<psd2_violation_kernel>("psd2_violation_kernel", 1, 1, 0, kLegacyStream, x, result);
+    const double value = copy_to_host(result);
+    device_free(result);
+    synchronize();
+    return value;
+}
+
+// Device selection is left to the violation it delegates to.
+bool dravik_psd2_contains_cuda(const double* x, int device, double atol) {
+    return atol >= dravik_psd2_violation_cuda(x, device);
 }
 
 }  // extern "C"

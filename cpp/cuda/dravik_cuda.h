@@ -39,11 +39,18 @@ DRAVIK_CUDA_API void dravik_exp_project_cuda(const double* x, double* out, size_
                                              cudaStream_t stream);
 DRAVIK_CUDA_API double dravik_exp_violation_cuda(const double* x, size_t m, int device);
 DRAVIK_CUDA_API bool dravik_exp_contains_cuda(const double* x, size_t m, int device, double atol);
+
 /* Second-order cone of dimension dim: projection, violation, membership. */
 DRAVIK_CUDA_API void dravik_soc_project_cuda(const double* x, double* out, size_t dim, int device,
                                              cudaStream_t stream);
 DRAVIK_CUDA_API double dravik_soc_violation_cuda(const double* x, size_t dim, int device);
 DRAVIK_CUDA_API bool dravik_soc_contains_cuda(const double* x, size_t dim, int device, double atol);
+
+/* One 2 x 2 PSD matrix in svec form: projection, violation, membership. */
+DRAVIK_CUDA_API void dravik_psd2_project_cuda(const double* x, double* out, int device,
+                                              cudaStream_t stream);
+DRAVIK_CUDA_API double dravik_psd2_violation_cuda(const double* x, int device);
+DRAVIK_CUDA_API bool dravik_psd2_contains_cuda(const double* x, int device, double atol);
 
 /* NT scaling batches. */
 DRAVIK_CUDA_API void dravik_zero_nt_scaling_batch_cuda(double* out, size_t dim, size_t batch,
@@ -69,6 +76,13 @@ DRAVIK_CUDA_API void dravik_soc_nt_scaling_batch_custom_cuda(const double* s, co
 DRAVIK_CUDA_API void dravik_soc_nt_scaling_batch_cublas_cuda(const double* s, const double* z,
                                                              double* out, size_t dim, size_t batch,
                                                              int device, cudaStream_t stream);
+
+/* PSD packing of `batch` matrices: dense dim x dim blocks <-> svec runs of
+ * dim (dim + 1) / 2 entries. */
+DRAVIK_CUDA_API void dravik_psd_svec_cuda(const double* matrix, double* svec, size_t dim,
+                                          size_t batch, int device, cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_psd_smat_cuda(const double* svec, double* matrix, size_t dim,
+                                          size_t batch, int device, cudaStream_t stream);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,43 @@
+// PsdConeCpp and the module's svec/smat packing functions.
+#include "bindings/cone_class.hpp"
+#include "bindings/registration.hpp"
+#include "cones/psd_cone.hpp"
+#include "cones/psd_packing.hpp"
+
+namespace dravik::mirel::cones::cpp {
+namespace {
+using BoundPsdConeCpp = BoundCone<PsdConeCpp>;
+}  // namespace
+
+void register_psd_cone(nb::module_& m) {
+    using namespace nb::literals;
+    register_cone_basics<BoundPsdConeCpp>(m, "PsdConeCpp", "dim"_a);
+}
+
+void register_psd_functions(nb::module_& m) {
+    using namespace nb::literals;
+    m.def(
+        "psd_smat",
+        [](ReadVector svec, uint64_t dim) { return to_numpy(psd_smat_array(array_ref(svec), dim)); },
+        "svec"_a.noconvert(), "dim"_a);
+    m.def(
+        "psd_svec",
+        [](ReadVector matrix, uint64_t dim) {
+            return to_numpy(psd_svec_array(array_ref(matrix), dim));
+        },
+        "matrix"_a.noconvert(), "dim"_a);
+    m.def(
+        "psd_smat_into",
+        [](ReadVector svec, WriteVector output, uint64_t dim, uint64_t stream) {
+            psd_smat_into(array_ref(svec), array_ref(output), dim, stream);
+        },
+        "svec"_a.noconvert(), "output"_a.noconvert(), "dim"_a, "stream"_a = 0);
+    m.def(
+        "psd_svec_into",
+        [](ReadVector matrix, WriteVector output, uint64_t dim, uint64_t stream) {
+            psd_svec_into(array_ref(matrix), array_ref(output), dim, stream);
+        },
+        "matrix"_a.noconvert(), "output"_a.noconvert(), "dim"_a, "stream"_a = 0);
+}
+
+}  // namespace dravik::mirel::cones::cpp

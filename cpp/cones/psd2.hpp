@@ -1,0 +1,71 @@
+// Closed forms for one symmetric 2 x 2 matrix [[a, b], [b, c]] given as its
+// svec (a, sqrt(2) b, c): eigenvalues mean +- half_gap, and the projection
+// onto the PSD cone and the distance to it. The device runs these in its
+// one-thread 2 x 2 kernels; the host runs the general Jacobi path instead,
+// which agrees to rounding.
+#pragma once
+
+#include <cmath>
+
+#include "cones/host_device.hpp"
+#include "cones/svec.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+// Below this half-gap the matrix is treated as a multiple of the identity.
+constexpr double kPsd2TinyGap = 1e-14;
+
+struct Psd2Spectrum {
+    double a, b, c;    // the matrix entries
+    double mean;       // (a + c) / 2
+    double half_gap;   // sqrt(((a - c) / 2)^2 + b^2)
+    double upper;      // mean + half_gap
+    double lower;      // mean - half_gap
+};
+
+DRAVIK_HD inline Psd2Spectrum psd2_spectrum(double a, double b, double c) {
+    const double mean = (a + c) * 0.5;
+    const double half_gap = sqrt((0.25 * (a - c)) * (a - c) + b * b);
+    return {a, b, c, mean, half_gap, mean + half_gap, mean - half_gap};
+}
+
+DRAVIK_HD inline Psd2Spectrum psd2_spectrum_of_svec(const double* x) {
+    return psd2_spectrum(x[0], x[1] / kSqrt2, x[2]);
+}
+
+// max(lambda, 0), letting NaN through.
+DRAVIK_HD inline double psd2_clip(double lambda) { return lambda < 0.0 ? 0.0 : lambda; }
+
+// min(lambda, 0), letting NaN through.
+DRAVIK_HD inline double psd2_negative_part(double lambda) { return lambda >= 0.0 ? 0.0 : lambda; }
+
+// The projection in svec form; out may be x. The clipped matrix is
+// alpha A + beta I with alpha, beta interpolating the clipped eigenvalues.
+DRAVIK_HD inline void psd2_project(const double* x, double* out) {
+    const Psd2Spectrum e = psd2_spectrum_of_svec(x);
+    if (e.half_gap <= kPsd2TinyGap) {
+        const double v = psd2_clip(e.mean);
+        out[0] = v;
+        out[1] = 0.0;
+        out[2] = v;
+        return;
+    }
+    const double fu = psd2_clip(e.upper);
+    const double fl = psd2_clip(e.lower);
+    const double gap = e.upper - e.lower;
+    const double alpha = (fu - fl) / gap;
+    const double beta = (e.upper * fl - e.lower * fu) / gap;
+    out[0] = e.a * alpha + beta;
+    out[1] = (e.b * alpha) * kSqrt2;
+    out[2] = e.c * alpha + beta;
+}
+
+// Frobenius (svec) distance to the cone: the norm of the negative eigenvalues.
+DRAVIK_HD inline double psd2_violation(const double* x) {
+    const Psd2Spectrum e = psd2_spectrum_of_svec(x);
+    const double nu = psd2_negative_part(e.upper);
+    const double nl = psd2_negative_part(e.lower);
+    return sqrt(nu * nu + nl * nl);
+}
+
+}  // namespace dravik::mirel::cones::cpp

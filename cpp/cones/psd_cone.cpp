@@ -1,0 +1,97 @@
+#include "cones/psd_cone.hpp"
+
+#include <cmath>
+#include <vector>
+
+#include "cones/device_call.hpp"
+#include "cones/jacobi.hpp"
+#include "cones/svec.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+namespace {
+
+// The device path has closed forms for 2 x 2 matrices only.
+constexpr uint64_t kDeviceDim = 2;
+
+void require_device_dim(uint64_t dim, const char* message) {
+    if (dim != kDeviceDim) fail(message);
+}
+
+}  // namespace
+
+PsdConeCpp::PsdConeCpp(uint64_t dim) : dim_(dim), rows_(svec_length(dim)) {
+    if (dim == 0) fail("PSD cone dim must be positive");
+    require_psd_order(dim);
+}
+
+void psd_project_host(const double* x, double* out, uint64_t n) {
+    if (n == 1) {
+        out[0] = x[0] < 0.0 ? 0.0 : x[0];
+        return;
+    }
+    std::vector<double> a = smat_unpack(x, n);
+    std::vector<double> v;
+    jacobi_eigh(a, v, n);
+    // P = sum over k of max(lambda_k, 0) v_k v_k^T, eigenvalue by eigenvalue.
+    std::vector<double> p(n * n, 0.0);
+    for (uint64_t k = 0; k < n; ++k) {
+        double lambda = a[k * n + k];
+        if (lambda < 0.0) lambda = 0.0;
+        for (uint64_t i = 0; i < n; ++i) {
+            const double scaled = v[i * n + k] * lambda;
+            double* row = p.data() + i * n;
+            for (uint64_t j = 0; j < n; ++j) row[j] = scaled * v[j * n + k] + row[j];
+        }
+    }
+    svec_pack(p.data(), n, out);
+}
+
+double psd_violation_host(const double* x, uint64_t n) {
+    if (n == 1) return x[0] > 0.0 ? 0.0 : -x[0];
+    std::vector<double> a = smat_unpack(x, n);
+    std::vector<double> v;
+    jacobi_eigh(a, v, n);
+    double sum = 0.0;
+    for (uint64_t k = 0; k < n; ++k) {
+        const double lambda = a[k * n + k];
+        if (lambda < 0.0) sum += lambda * lambda;
+    }
+    return std::sqrt(sum);
+}
+
+void PsdConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
+                              uint64_t stream) const {
+    VectorView in = checked_vector_view(input, rows_, "input");
+    VectorView out = checked_vector_view(output, rows_, "output");
+    require_same_device(in, out);
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        require_device_dim(dim_, "CUDA PSD projection currently supports dim=2");
+        dravik_psd2_project_cuda(in.data, out.data, in.device_id, as_stream(stream));
+        return;
+    }
+    psd_project_host(in.data, out.data, dim_);
+}
+
+double PsdConeCpp::violation(const ArrayRef& input) const {
+    VectorView in = checked_vector_view(input, rows_, "input");
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        require_device_dim(dim_, "CUDA PSD violation currently supports dim=2");
+        return dravik_psd2_violation_cuda(in.data, in.device_id);
+    }
+    return psd_violation_host(in.data, dim_);
+}
+
+bool PsdConeCpp::contains(const ArrayRef& input, double atol) const {
+    VectorView in = checked_vector_view(input, rows_, "input");
+    if (is_cuda(in)) {
+        require_cuda_runtime();
+        require_device_dim(dim_, "CUDA PSD membership currently supports dim=2");
+        return dravik_psd2_contains_cuda(in.data, in.device_id, atol);
+    }
+    return atol >= psd_violation_host(in.data, dim_);
+}
+
+}  // namespace dravik::mirel::cones::cpp

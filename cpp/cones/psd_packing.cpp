@@ -1,0 +1,66 @@
+#include "cones/psd_packing.hpp"
+
+#include <algorithm>
+#include <vector>
+
+#include "cones/dense.hpp"
+#include "cones/device_call.hpp"
+#include "cones/svec.hpp"
+
+namespace dravik::mirel::cones::cpp {
+
+namespace {
+
+// Packs from a copy of the matrix, so an output overlapping it is fine.
+void pack_from_copy(const double* matrix, uint64_t n, double* x) {
+    std::vector<double> scratch(matrix, matrix + n * n);
+    svec_pack(scratch.data(), n, x);
+}
+
+}  // namespace
+
+void psd_svec_into(const ArrayRef& matrix, const ArrayRef& output, uint64_t dim,
+                   uint64_t stream) {
+    require_psd_order(dim);
+    VectorView in = checked_vector_view(matrix, dim * dim, "matrix");
+    VectorView out = checked_vector_view(output, svec_length(dim), "output");
+    require_same_device(in, out);
+    if (is_cuda(out)) {
+        require_cuda_runtime();
+        dravik_psd_svec_cuda(in.data, out.data, dim, 1, out.device_id, as_stream(stream));
+        return;
+    }
+    pack_from_copy(in.data, dim, out.data);
+}
+
+void psd_smat_into(const ArrayRef& svec, const ArrayRef& output, uint64_t dim, uint64_t stream) {
+    require_psd_order(dim);
+    VectorView in = checked_vector_view(svec, svec_length(dim), "svec");
+    VectorView out = checked_vector_view(output, dim * dim, "output");
+    require_same_device(in, out);
+    if (is_cuda(out)) {
+        require_cuda_runtime();
+        dravik_psd_smat_cuda(in.data, out.data, dim, 1, out.device_id, as_stream(stream));
+        return;
+    }
+    std::vector<double> m = smat_unpack(in.data, dim);
+    std::copy(m.begin(), m.end(), out.data);
+}
+
+OwnedArray psd_svec_array(const ArrayRef& matrix, uint64_t dim) {
+    require_psd_order(dim);
+    VectorView in = dense_input_view(matrix, dim * dim, "matrix");
+    std::vector<double> x(svec_length(dim), 0.0);
+    pack_from_copy(in.data, dim, x.data());
+    OwnedArray out = make_owned_vector(x.size(), "PSD svec");
+    std::copy(x.begin(), x.end(), out.data());
+    return out;
+}
+
+OwnedArray psd_smat_array(const ArrayRef& svec, uint64_t dim) {
+    require_psd_order(dim);
+    VectorView in = dense_input_view(svec, svec_length(dim), "svec");
+    return dense_matrix_array(smat_unpack(in.data, dim), dim, "PSD smat");
+}
+
+}  // namespace dravik::mirel::cones::cpp

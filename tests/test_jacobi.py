@@ -1,0 +1,130 @@
+"""The host Jacobi eigen-solver: the per-row-maxima pivot search must make
+exactly the rotations of the documented full scan (same bits), and the
+result must be an eigen-decomposition."""
+import math
+
+import numpy as np
+import pytest
+
+
+def symmetric(rng, n, kind):
+    if kind == "random":
+        a = rng.standard_normal((n, n))
+    elif kind == "ties":      # many equal magnitudes: tie-breaking decides every pivot
+        a = rng.choice([-2.0, -1.0, 1.0, 2.0], size=(n, n))
+    elif kind == "graded":    # entries spanning many orders of magnitude
+        a = rng.standard_normal((n, n)) * 10.0 ** rng.integers(-14, 6, (n, n))
+    elif kind == "clustered":  # repeated eigenvalues
+        q, _ = np.linalg.qr(rng.standard_normal((n, n)))
+        a = q @ np.diag(np.repeat([1.0, -3.0], (n + 1) // 2)[:n]) @ q.T
+    return np.triu(a) + np.triu(a, 1).T
+
+
+def both(m, a):
+    n = a.shape[0]
+    flat = np.ascontiguousarray(a, dtype=np.float64).ravel()
+    return m._jacobi_eigh(flat, n), m._jacobi_eigh_reference(flat, n)
+
+
+def assert_identical(fast, ref):
+    assert np.array_equal(fast[0], ref[0], equal_nan=True)
+    assert np.array_equal(fast[1], ref[1], equal_nan=True)
+
+
+@pytest.mark.parametrize("kind", ["random", "ties", "graded", "clustered"])
+@pytest.mark.parametrize("n", [2, 3, 4, 5, 7, 8, 13, 21, 32, 50, 64])
+def test_fast_search_rotates_exactly_like_the_full_scan(m, rng, n, kind):
+    fast, ref = both(m, symmetric(rng, n, kind))
+    assert_identical(fast, ref)
+
+
+def with_entries(n, entries):
+    a = np.zeros((n, n))
+    for (i, j), value in entries.items():
+        a[i, j] = a[j, i] = value
+    return a
+
+
+# With A[p][p] = 1e6, A[q][q] = 0 and pivot 1e-11 the rotation is a quarter
+# turn with s = 1.0 exactly: it moves A[r][q] to column p (or A[r][p] to
+# column q) without rounding, creating an exact tie with another entry of
+# row r. The next pivot then depends on breaking that tie by column.
+MOVED_TO_P = with_entries(4, {(0, 2): 5e-12, (0, 3): 5e-12, (1, 3): 1e-11, (1, 1): 1e6})
+MOVED_TO_Q = with_entries(5, {(0, 1): 5e-12, (0, 2): 5e-12, (0, 3): 5e-12, (2, 4): 1e-11,
+                              (2, 2): 1e6})
+NAN = np.nan
+
+
+@pytest.mark.parametrize("a", [
+    np.zeros((6, 6)),
+    np.diag([3.0, -1.0, 0.0, 2.0]),
+    np.ones((5, 5)),
+    np.triu(np.full((6, 6), -1.0), 1) + np.triu(np.full((6, 6), -1.0), 1).T,
+    MOVED_TO_P,
+    MOVED_TO_Q,
+    np.array([[1.0, NAN, 2.0], [NAN, 1.0, 3.0], [2.0, 3.0, NAN]]),
+    np.array([[1.0, 3.0, NAN], [3.0, 1.0, 5.0], [NAN, 5.0, 2.0]]),   # a row maximum turns NaN
+    np.array([[1.0, NAN, 2.0], [NAN, 1.0, 1.0], [2.0, 1.0, 3.0]]),   # NaN before the maximum
+    np.array([[1.0, 5.0, 0.0], [5.0, np.inf, 1.0], [0.0, 1.0, 2.0]]),
+    np.arange(16.0).reshape(4, 4),   # not symmetric: only the upper triangle is searched
+], ids=["zero", "diagonal", "ones", "off-diagonal ties", "tie moved to p", "tie moved to q",
+        "nan diagonal", "nan replaces maximum", "nan first", "inf", "nonsymmetric"])
+def test_fast_search_matches_on_special_matrices(m, a):
+    assert_identical(*both(m, a))
+
+
+def documented_jacobi(a):
+    """The documented algorithm, step by step, in Python floats."""
+    n = len(a)
+    a = [list(map(float, row)) for row in a]
+    v = [[float(i == j) for j in range(n)] for i in range(n)]
+    for _ in range(32 * n * n if n > 1 else 0):
+        best, p, q = 0.0, 0, 1
+        for i in range(n - 1):
+            for j in range(i + 1, n):
+                if abs(a[i][j]) > best:
+                    best, p, q = abs(a[i][j]), i, j
+        if best < 1e-12:
+            break
+        theta = 0.5 * math.atan2(2.0 * a[p][q], a[q][q] - a[p][p])
+        c, s = math.cos(theta), math.sin(theta)
+        for k in range(n):
+            x, y = a[p][k], a[q][k]
+            a[p][k], a[q][k] = c * x - s * y, s * x + c * y
+        for k in range(n):
+            x, y = a[k][p], a[k][q]
+            a[k][p], a[k][q] = c * x - s * y, s * x + c * y
+        for k in range(n):
+            x, y = v[k][p], v[k][q]
+            v[k][p], v[k][q] = c * x - s * y, s * x + c * y
+    return np.array([a[i][i] for i in range(n)]), np.array(v)
+
+
+@pytest.mark.parametrize("n, kind", [(1, "random"), (2, "random"), (4, "ties"), (6, "random"),
+                                     (7, "graded")])
+def test_full_scan_is_the_documented_algorithm_bit_for_bit(m, rng, n, kind):
+    a = symmetric(rng, n, kind)
+    values, vectors = documented_jacobi(a)
+    assert_identical(m._jacobi_eigh_reference(a.ravel(), n), (values, vectors))
+
+
+@pytest.mark.parametrize("n", [2, 5, 17, 40, 100])
+def test_result_is_an_eigen_decomposition(m, rng, n):
+    a = symmetric(rng, n, "random")
+    values, v = m._jacobi_eigh(a.ravel(), n)
+    assert np.allclose(a @ v, v * values, atol=1e-11 * n)
+    assert np.allclose(v.T @ v, np.eye(n), atol=1e-13 * n)
+    assert np.allclose(np.sort(values), np.linalg.eigvalsh(a), atol=1e-12 * n)
+
+
+def test_two_by_two_takes_one_quarter_turn(m):
+    values, v = m._jacobi_eigh(np.array([2.0, 1.0, 1.0, 2.0]), 2)
+    c = math.cos(math.pi / 4)
+    assert values == pytest.approx([1.0, 3.0], abs=1e-15)     # unsorted: (1, 3)
+    assert v == pytest.approx(np.array([[c, c], [-c, c]]), abs=1e-15)
+
+
+def test_below_threshold_nothing_rotates(m):
+    a = np.array([[4.0, 9e-13, 0.0], [9e-13, -1.0, -9e-13], [0.0, -9e-13, 2.0]])
+    values, v = m._jacobi_eigh(a.ravel(), 3)
+    assert list(values) == [4.0, -1.0, 2.0] and np.array_equal(v, np.eye(3))
