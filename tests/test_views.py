@@ -152,3 +152,21 @@ def test_empty_owned_results(m):
     arr = cone.nt_scaling_matrix_array(empty, empty)
     assert arr.shape == (0, 0)
     assert cone.nt_scaling_matrix(empty, empty) == []
+
+
+@pytest.mark.parametrize("cls, dim, batch", [
+    ("ZeroConeCpp", 2**32, 2**32),          # rows * batch wraps to 0
+    ("NonnegativeConeCpp", 2**32, 1),       # rows * rows wraps to 0
+    ("SecondOrderConeCpp", 2**31, 2**2),    # rows * rows * batch wraps to 0
+])
+def test_wrapping_batch_sizes_are_refused_before_any_loop(m, cls, dim, batch):
+    empty = np.zeros(0)
+    with pytest.raises(ValueError, match="^NT scaling batch too large: rows .* overflows$"):
+        getattr(m, cls)(dim).nt_scaling_matrix_batch_into(empty, empty, empty, batch)
+
+
+def test_block_count_whose_rows_would_wrap_is_refused(m):
+    # 3 * 6148914691236517206 wraps to 2: a 2-entry input would pass.
+    with pytest.raises(ValueError, match=r"^exponential cone too large: 3 \* blocks overflows$"):
+        m.ExponentialConeCpp(6148914691236517206)
+    assert m.ExponentialConeCpp(6148914691236517205).rows == 2**64 - 1

@@ -8,6 +8,14 @@ namespace dravik::mirel::cones::cpp {
 
 void fail(const std::string& message) { throw std::runtime_error(message); }
 
+uint64_t checked_product(uint64_t a, uint64_t b, const char* what, const char* product) {
+    uint64_t result = 0;
+    if (__builtin_mul_overflow(a, b, &result)) {
+        throw std::length_error(std::string(what) + " too large: " + product + " overflows");
+    }
+    return result;
+}
+
 void check_length(uint64_t actual, uint64_t expected, const char* name) {
     if (actual != expected) {
         fail(std::string(name) + " expected " + std::to_string(expected) + " entries, got " +
@@ -69,9 +77,14 @@ InOutViews in_out_views(const ArrayRef& input, const ArrayRef& output, uint64_t 
 
 NtBatchViews nt_batch_views(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
                             uint64_t rows, uint64_t batch) {
-    VectorView sv = checked_vector_view(s, rows * batch, "s");
-    VectorView zv = checked_vector_view(z, rows * batch, "z");
-    VectorView out = checked_vector_view(output, rows * rows * batch, "output");
+    const char* what = "NT scaling batch";
+    const uint64_t vector_length = checked_product(rows, batch, what, "rows * batch");
+    const uint64_t output_length =
+        checked_product(checked_product(rows, rows, what, "rows * rows"), batch, what,
+                        "rows * rows * batch");
+    VectorView sv = checked_vector_view(s, vector_length, "s");
+    VectorView zv = checked_vector_view(z, vector_length, "z");
+    VectorView out = checked_vector_view(output, output_length, "output");
     require_same_input_device(sv, zv);
     require_same_device(sv, out);
     return {sv, zv, out};

@@ -37,6 +37,11 @@ struct IndexView {
 
 [[noreturn]] void fail(const std::string& message);
 
+// a * b, or std::length_error (ValueError in Python) with `what` + " too
+// large: " + `product` + " overflows" when the product does not fit in 64
+// bits: a wrapped size could pass a length check and let a loop overrun.
+uint64_t checked_product(uint64_t a, uint64_t b, const char* what, const char* product);
+
 void check_length(uint64_t actual, uint64_t expected, const char* name);
 VectorView make_vector_view(const ArrayRef& array, const char* name);
 VectorView checked_vector_view(const ArrayRef& array, uint64_t expected, const char* name);

@@ -40,6 +40,7 @@ void write_scaling_block(const double* s, const double* z, double* corner, uint6
 
 ExponentialConeCpp::ExponentialConeCpp(uint64_t blocks) : blocks_(blocks) {
     if (blocks == 0) fail("exponential cone block count must be positive");
+    checked_product(3, blocks, "exponential cone", "3 * blocks");
 }
 
 void ExponentialConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
