@@ -52,12 +52,14 @@ def caught_errors():
     print(f"  output still      : {out}")
 
 
+TOURS = ["tour_nonnegative_exponential", "tour_second_order", "tour_psd"]
+
+
 def other_cones():
-    # Each cone family contributes a demo/tour_<cones>.py with show(m).
-    here = pathlib.Path(__file__).resolve().parent
-    sys.path.insert(0, str(here))
-    for path in sorted(here.glob("tour_*.py")):
-        importlib.import_module(path.stem).show(m)
+    # Each cone family has its own demo/tour_<cones>.py with show(m).
+    sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+    for name in TOURS:
+        importlib.import_module(name).show(m)
 
 
 if __name__ == "__main__":
