@@ -62,9 +62,8 @@ double psd_violation_host(const double* x, uint64_t n) {
 
 void PsdConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
                               uint64_t stream) const {
-    VectorView in = checked_vector_view(input, rows_, "input");
-    VectorView out = checked_vector_view(output, rows_, "output");
-    require_same_device(in, out);
+    const InOutViews io = in_out_views(input, output, rows_);
+    const VectorView &in = io.in, &out = io.out;
     if (is_cuda(in)) {
         require_cuda_runtime();
         require_device_dim(dim_, "CUDA PSD projection currently supports dim=2");
