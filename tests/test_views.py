@@ -156,8 +156,8 @@ def test_empty_owned_results(m):
 
 @pytest.mark.parametrize("cls, dim, batch", [
     ("ZeroConeCpp", 2**32, 2**32),          # rows * batch wraps to 0
-    ("NonnegativeConeCpp", 2**32, 1),       # rows * rows wraps to 0
-    ("SecondOrderConeCpp", 2**31, 2**2),    # rows * rows * batch wraps to 0
+    ("NonnegativeConeCpp", 2**33, 2**31),
+    ("SecondOrderConeCpp", 3 * 2**40, 2**62),
 ])
 def test_wrapping_batch_sizes_are_refused_before_any_loop(m, cls, dim, batch):
     empty = np.zeros(0)

@@ -29,9 +29,8 @@ nb::object to_numpy(OwnedArray&& array) {
         Py_DECREF(owner);
         throw nb::python_error();
     }
-    // Steals the reference: the array holds the only one.
+    // Steals the reference, on failure too: the array holds the only one.
     if (PyArray_SetBaseObject(reinterpret_cast<PyArrayObject*>(result), owner) < 0) {
-        Py_DECREF(owner);
         Py_DECREF(result);
         throw nb::python_error();
     }

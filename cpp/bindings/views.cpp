@@ -77,13 +77,15 @@ InOutViews in_out_views(const ArrayRef& input, const ArrayRef& output, uint64_t 
 
 NtBatchViews nt_batch_views(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
                             uint64_t rows, uint64_t batch) {
+    // Each length is checked for overflow just before its argument is viewed,
+    // so the first failing argument in parameter order is still the one named.
     const char* what = "NT scaling batch";
     const uint64_t vector_length = checked_product(rows, batch, what, "rows * batch");
+    VectorView sv = checked_vector_view(s, vector_length, "s");
+    VectorView zv = checked_vector_view(z, vector_length, "z");
     const uint64_t output_length =
         checked_product(checked_product(rows, rows, what, "rows * rows"), batch, what,
                         "rows * rows * batch");
-    VectorView sv = checked_vector_view(s, vector_length, "s");
-    VectorView zv = checked_vector_view(z, vector_length, "z");
     VectorView out = checked_vector_view(output, output_length, "output");
     require_same_input_device(sv, zv);
     require_same_device(sv, out);
