@@ -25,6 +25,7 @@ thread_local int t_cached_device = -1;
 
 void check_cuda(cudaError_t status, const char* name) {
     if (status == cudaSuccess) return;
+    cudaGetLastError();
     throw std::runtime_error(std::string(name) + " failed: " + cudaGetErrorString(status));
 }
 
@@ -32,13 +33,7 @@ int cached_device() { return t_cached_device; }
 
 void ensure_device(int device) {
     if (device == t_cached_device) return;
-    cudaError_t status = cudaSetDevice(device);
-    if (status != cudaSuccess) {
-        // Clear the sticky last error so the next launch check does not
-        // report this failure a second time.
-        cudaGetLastError();
-        check_cuda(status, "cudaSetDevice");
-    }
+    check_cuda(cudaSetDevice(device), "cudaSetDevice");  // the cache keeps its value
     t_cached_device = device;
 }
 

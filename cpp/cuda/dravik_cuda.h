@@ -8,6 +8,9 @@
 #define DRAVIK_CUDA_H
 
 #include <cuda_runtime_api.h>
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
 #include <stddef.h>
 #include <stdint.h>
 

@@ -17,7 +17,9 @@ constexpr unsigned kThreads = 256;             // block size of the cone kernels
 constexpr size_t kBlockReduceBytes = kThreads * sizeof(double);  // 2048-byte shared buffer
 inline const cudaStream_t kLegacyStream = nullptr;
 
-// Throws std::runtime_error("<name> failed: <runtime text>") on failure.
+// Throws std::runtime_error("<name> failed: <runtime text>") on failure,
+// after clearing the runtime's last error so that the next launch check
+// reports only its own launch.
 void check_cuda(cudaError_t status, const char* name);
 
 // Makes `device` current unless this thread already selected it last.
@@ -31,12 +33,13 @@ inline unsigned ceil_blocks(size_t count, size_t per_block = kThreads) {
 }
 
 // Launch handle of a kernel, fetched on its first launch in the process
-// (thread-safe one-time initialisation) and reused afterwards.
+// (thread-safe one-time initialisation) and reused afterwards. A failure to
+// fetch it is a failure of the launch, reported under the kernel's name.
 template <auto Kernel>
-cudaKernel_t kernel_handle() {
-    static const cudaKernel_t handle = [] {
+cudaKernel_t kernel_handle(const char* name) {
+    static const cudaKernel_t handle = [name] {
         cudaKernel_t h = nullptr;
-        check_cuda(cudaGetKernel(&h, Kernel), "cudaGetKernel");
+        check_cuda(cudaGetKernel(&h, Kernel), name);
         return h;
     }();
     return handle;
@@ -62,7 +65,7 @@ void launch_with(cudaKernel_t handle, void (*)(Params...), const char* name, dim
 template <auto Kernel, class... Args>
 void launch(const char* name, dim3 grid, dim3 block, size_t shared_bytes, cudaStream_t stream,
             Args&&... args) {
-    detail::launch_with(kernel_handle<Kernel>(), Kernel, name, grid, block, shared_bytes, stream,
+    detail::launch_with(kernel_handle<Kernel>(name), Kernel, name, grid, block, shared_bytes, stream,
                         std::forward<Args>(args)...);
 }
 

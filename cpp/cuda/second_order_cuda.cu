@@ -221,6 +221,34 @@ void run_cublas(const double* s, const double* z, double* out, size_t dim, size_
 
 bool nothing_to_do(size_t dim, size_t batch) { return dim == 0 || batch == 0; }
 
+// The grid's x extent and cuBLAS's batch count are 32-bit signed at most:
+// larger batches run as consecutive chunks of at most this many cones.
+constexpr size_t kMaxChunk = 0x7FFFFFFF;
+
+template <class Run>
+void in_chunks(const double* s, const double* z, double* out, size_t dim, size_t batch, Run run) {
+    for (size_t first = 0; first < batch; first += kMaxChunk) {
+        const size_t count = batch - first < kMaxChunk ? batch - first : kMaxChunk;
+        run(s + first * dim, z + first * dim, out + first * dim * dim, dim, count);
+    }
+}
+
+void columns_in_chunks(const double* s, const double* z, double* out, size_t dim, size_t batch,
+                       cudaStream_t stream) {
+    in_chunks(s, z, out, dim, batch,
+              [stream](const double* cs, const double* cz, double* co, size_t d, size_t count) {
+                  launch_columns(cs, cz, co, d, count, stream);
+              });
+}
+
+void cublas_in_chunks(const double* s, const double* z, double* out, size_t dim, size_t batch,
+                      cudaStream_t stream) {
+    in_chunks(s, z, out, dim, batch,
+              [stream](const double* cs, const double* cz, double* co, size_t d, size_t count) {
+                  run_cublas(cs, cz, co, d, count, stream);
+              });
+}
+
 bool cublas_by_default(size_t dim, size_t batch) {
     return dim <= kCublasMaxDim && batch >= kCublasMinBatch;
 }
@@ -242,9 +270,9 @@ void dravik_soc_nt_scaling_batch_cuda(const double* s, const double* z, double* 
     ensure_device(device);
     if (nothing_to_do(dim, batch)) return;
     if (cublas_by_default(dim, batch)) {
-        run_cublas(s, z, out, dim, batch, stream);
+        cublas_in_chunks(s, z, out, dim, batch, stream);
     } else {
-        launch_columns(s, z, out, dim, batch, stream);
+        columns_in_chunks(s, z, out, dim, batch, stream);
     }
 }
 
@@ -253,7 +281,7 @@ void dravik_soc_nt_scaling_batch_custom_cuda(const double* s, const double* z, d
                                              cudaStream_t stream) {
     ensure_device(device);
     if (nothing_to_do(dim, batch)) return;
-    launch_columns(s, z, out, dim, batch, stream);
+    columns_in_chunks(s, z, out, dim, batch, stream);
 }
 
 void dravik_soc_nt_scaling_batch_cublas_cuda(const double* s, const double* z, double* out,
@@ -261,7 +289,7 @@ void dravik_soc_nt_scaling_batch_cublas_cuda(const double* s, const double* z, d
                                              cudaStream_t stream) {
     ensure_device(device);
     if (nothing_to_do(dim, batch)) return;
-    run_cublas(s, z, out, dim, batch, stream);
+    cublas_in_chunks(s, z, out, dim, batch, stream);
 }
 
 }  // extern "C"
