@@ -1,7 +1,11 @@
 """The module's face: docstring, capability answers, registration order,
 argument kinds (no implicit conversion), keywords, defaults, return forms."""
+import os
+
 import numpy as np
 import pytest
+
+from conftest import ROOT
 
 RO = "ndarray[dtype=float64, shape=(*), order='C', writable=False]"
 RW = "ndarray[dtype=float64, shape=(*), order='C']"
@@ -147,3 +151,17 @@ def test_only_the_entry_and_the_device_interface_are_exported(m):
             "dravik_zero_nt_scaling_batch_cuda"} <= names
     leaked = [n for n in names - {"PyInit__cpp_cuda"} if not re.fullmatch(r"dravik_[a-z0-9_]+", n)]
     assert leaked == []
+
+
+def test_interface_header_compiles_as_c(tmp_path):
+    import shutil
+    import subprocess
+    cc = shutil.which("gcc") or shutil.which("cc")
+    if cc is None or not os.path.isdir("/usr/local/cuda/include"):
+        pytest.skip("no C compiler or CUDA headers")
+    source = tmp_path / "caller.c"
+    source.write_text('#include "cuda/dravik_cuda.h"\n'
+                      "int main(void) { return dravik_cuda_available() ? 0 : 1; }\n")
+    subprocess.run([cc, "-std=c11", "-Wall", "-Werror", "-fsyntax-only", "-I",
+                    os.path.join(ROOT, "cpp"), "-I", "/usr/local/cuda/include", str(source)],
+                   check=True)
