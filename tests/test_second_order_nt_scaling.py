@@ -98,11 +98,9 @@ def test_follows_the_documented_evaluation_order(m, rng, n):
 
 
 @pytest.mark.parametrize("s,z,expected", [
-    ([4.0], [2.0], [[0.5]]),
-    ([1.0, 0.0, 0.0], [2.0, 0.0, 0.0], 2 * np.eye(3)),
+    ([4.0], [2.0], [[0.5]]), ([1.0, 0.0, 0.0], [2.0, 0.0, 0.0], 2 * np.eye(3)),
     ([2.0, 1.0], [1.0, 0.0], [[2 / 3, -1 / 3], [-1 / 3, 2 / 3]]),
-    ([3.0, 0.4, -1.2, 0.5], [3.0, 0.4, -1.2, 0.5], np.eye(4)),
-])
+    ([3.0, 0.4, -1.2, 0.5], [3.0, 0.4, -1.2, 0.5], np.eye(4))])
 def test_documented_examples(m, s, z, expected):
     w = m.SecondOrderConeCpp(len(s)).nt_scaling_matrix_array(np.array(s), np.array(z))
     np.testing.assert_allclose(w, expected, rtol=1e-14, atol=1e-15)
