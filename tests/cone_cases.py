@@ -1,57 +1,125 @@
-"""Helpers shared by the cone test files: the argument-check cases every cone
-has (length, placement and same-device messages in check order, with fake
-device arrays), sequential and two-stage sums, and runs of the module under a
-given OpenMP thread count."""
-import itertools
-import textwrap
-
+"""Helpers shared by the cone test files: the argument-check table every cone
+answers (length, placement and same-device messages in check order, with fake
+device arrays), the NT scaling forms and in-order sums."""
 import numpy as np
-from conftest import run_python
-from fake_dlpack import CUDA_HOST, CUDA_MANAGED, cuda, on_device
+import pytest
+from fake_dlpack import CUDA, CUDA_HOST, CUDA_MANAGED, FakeDeviceArray
 
 RUNTIME = "CUDA runtime is required for CUDA cone arrays"
 SAME_OUT = "input and output must live on the same device"
 SAME_IN = "input vectors must live on the same device"
+MARK = 5.0  # every array of a failing call must still hold it afterwards
 
 
 def h(n):
-    return np.zeros(n)
+    return np.full(n, MARK)
+
+
+def dev(n, device_type=CUDA, device_id=0):
+    return FakeDeviceArray(np.full(n, MARK), device_type, device_id)
 
 
 def check_cases(r):
-    """(method, args, message, reaches_device) for a cone of r entries, in
-    check order: lengths before devices, arguments in parameter order, then
-    the same-device rules, then the runtime. Cases with reaches_device=True
-    would pass every check and must only run where no CUDA device is usable."""
-    mm, b = r * r, 2
+    """(methods, args, message) for a cone of r rows, in check order: lengths
+    before devices, arguments in parameter order, then the same-device rules,
+    then the runtime. Each case applies to every method listed that the cone
+    has."""
+    mm, b, nb, mb = r * r, 2, 2 * r, 2 * r * r
     length = "{} expected {} entries, got {}".format
-    batch = "nt_scaling_matrix_batch_into"
+    where = "{} must be on CPU or CUDA".format
+    project, scalar = ["project_into"], ["violation", "contains"]
+    dense = ["nt_scaling_matrix", "nt_scaling_matrix_array"]
+    batch = ["nt_scaling_matrix_batch_into", "nt_scaling_matrix_batch_custom_into",
+             "nt_scaling_matrix_batch_cublas_into"]
     return [
-        ("project_into", (on_device(r + 1, CUDA_HOST), h(r + 1)), length("input", r, r + 1), 0),
-        ("project_into", (on_device(r, CUDA_HOST), h(r)), "input must be on CPU or CUDA", 0),
-        ("project_into", (h(r), h(r - 1)), length("output", r, r - 1), 0),
-        ("project_into", (h(r), on_device(r, CUDA_MANAGED)), "output must be on CPU or CUDA", 0),
-        ("project_into", (h(r), cuda(r)), SAME_OUT, 0),
-        ("project_into", (cuda(r), cuda(r, device_id=1)), SAME_OUT, 0),
-        ("project_into", (cuda(r), cuda(r)), RUNTIME, 1),
-        ("violation", (cuda(r + 2),), length("input", r, r + 2), 0),
-        ("violation", (cuda(r),), RUNTIME, 1),
-        ("contains", (cuda(r),), RUNTIME, 1),
-        (batch, (h(r), h(r * b), h(mm * b), b), length("s", r * b, r), 0),
-        (batch, (h(r * b), cuda(r), h(mm * b), b), length("z", r * b, r), 0),
-        (batch, (h(r * b), h(r * b), h(mm), b), length("output", mm * b, mm), 0),
-        (batch, (h(r * b), cuda(r * b), cuda(mm * b), b), SAME_IN, 0),
-        (batch, (cuda(r * b), cuda(r * b), h(mm * b), b), SAME_OUT, 0),
-        (batch, (cuda(r * b), cuda(r * b), cuda(mm * b), b), RUNTIME, 1),
-        ("nt_scaling_matrix_into", (cuda(r), cuda(r), cuda(mm)), RUNTIME, 1),
-        ("nt_scaling_matrix", (cuda(r + 1), cuda(r)), length("s", r, r + 1), 0),
-        ("nt_scaling_matrix", (cuda(r), cuda(r)), "s must be a CPU vector for dense NT scaling", 0),
-        ("nt_scaling_matrix_array", (h(r), cuda(r)), "z must be a CPU vector for dense NT scaling",
-         0),
-        ("unit_vector_into", (0, cuda(r)), "output must be a CPU vector for dense helper output", 0),
-        ("unit_vector_into", (r, h(r + 1)), length("output", r, r + 1), 0),
-        ("unit_vector_array", (r,), "unit vector index out of range", 0),
+        (project, (dev(r + 1, CUDA_HOST), h(r + 1)), length("input", r, r + 1)),
+        (project, (dev(r, CUDA_HOST), h(r + 1)), where("input")),
+        (project, (h(r), dev(r - 1, CUDA_MANAGED)), length("output", r, r - 1)),
+        (project, (h(r), dev(r, CUDA_MANAGED)), where("output")),
+        (project, (h(r), dev(r)), SAME_OUT),
+        (project, (dev(r), h(r)), SAME_OUT),
+        (project, (dev(r), dev(r, device_id=1)), SAME_OUT),
+        (project, (dev(r), dev(r)), RUNTIME),
+        (scalar, (h(r + 1),), length("input", r, r + 1)),
+        (scalar, (dev(r + 2, 4),), length("input", r, r + 2)),
+        (scalar, (dev(r, 4),), where("input")),
+        (scalar, (dev(r),), RUNTIME),
+        (batch, (h(r), h(nb), h(mb), b), length("s", nb, r)),
+        (batch, (h(nb), dev(r), h(mm), b), length("z", nb, r)),
+        (batch, (h(nb), h(nb), dev(mm, CUDA_HOST), b), length("output", mb, mm)),
+        (batch, (dev(nb, CUDA_HOST), h(r), h(mb), b), where("s")),
+        (batch, (dev(nb), h(nb), dev(mb, CUDA_HOST), b), where("output")),
+        (batch, (h(nb), dev(nb), dev(mb), b), SAME_IN),
+        (batch, (dev(nb), dev(nb, device_id=1), dev(mb), b), SAME_IN),
+        (batch, (dev(nb), dev(nb), h(mb), b), SAME_OUT),
+        (batch, (h(nb), h(nb), dev(mb), b), SAME_OUT),
+        (batch, (dev(nb), dev(nb), dev(mb), b), RUNTIME),
+        (["nt_scaling_matrix_into"], (h(r), h(r), h(mm - 1)), length("output", mm, mm - 1)),
+        (["nt_scaling_matrix_into"], (dev(r), dev(r), dev(mm)), RUNTIME),
+        (dense, (dev(r + 1), h(r - 1)), length("s", r, r + 1)),
+        (dense, (dev(r), h(r - 1)), "s must be a CPU vector for dense NT scaling"),
+        (dense, (dev(r, CUDA_HOST), h(r)), where("s")),
+        (dense, (h(r), dev(r + 1)), length("z", r, r + 1)),
+        (dense, (h(r), dev(r)), "z must be a CPU vector for dense NT scaling"),
+        (["unit_vector_into"], (r, dev(r + 1)), length("output", r, r + 1)),
+        (["unit_vector_into"], (r, dev(r)), "output must be a CPU vector for dense helper output"),
+        (["unit_vector_into"], (r, h(r)), "unit vector index out of range"),
+        (["unit_vector", "unit_vector_array"], (r,), "unit vector index out of range"),
     ]
+
+
+def projected(cone, x):
+    """cone.project_into(x) into a fresh output."""
+    out = np.full(cone.rows, np.nan)
+    cone.project_into(x, out)
+    return out
+
+
+def nt_forms(cone, s, z):
+    """Every NT scaling form of one pair as a callable giving the flat matrix;
+    the written forms start from outputs filled with MARK, kept in `outputs`."""
+    outputs = []
+
+    def written(method, *extra):
+        outputs.append(np.full(cone.rows ** 2, MARK))
+        getattr(cone, method)(s, z, outputs[-1], *extra)
+        return outputs[-1]
+    forms = [lambda: np.array(cone.nt_scaling_matrix(s, z)),
+             lambda: cone.nt_scaling_matrix_array(s, z).ravel(),
+             lambda: written("nt_scaling_matrix_into"),
+             lambda: written("nt_scaling_matrix_batch_into", 1)]
+    if hasattr(cone, "nt_scaling_matrix_batch_custom_into"):
+        forms.append(lambda: written("nt_scaling_matrix_batch_custom_into", 1))
+    return forms, outputs
+
+
+def scaling_of(cone, s, z):
+    """The flat NT scaling matrix, after checking that every form gives its bits."""
+    forms, _ = nt_forms(cone, s, z)
+    results = [form() for form in forms]
+    for got in results[1:]:
+        np.testing.assert_array_equal(got, results[0])
+    return results[0]
+
+
+def assert_scaling_fails(cone, s, z, message, untouched=True):
+    """Every form raises `message`; unless told otherwise, no written output is touched."""
+    forms, outputs = nt_forms(cone, s, z)
+    for form in forms:
+        with pytest.raises(RuntimeError, match=f"^{message}$"):
+            form()
+    assert not untouched or all((out == MARK).all() for out in outputs)
+
+
+def assert_batch_matches_items(cone, s, z, batch, method="nt_scaling_matrix_batch_into"):
+    """A batch writes, for its first, middle and last items, what the single form writes."""
+    n = cone.rows
+    out = np.full(n * n * batch, np.nan)
+    getattr(cone, method)(s, z, out, batch)
+    for b in sorted({0, batch // 2, batch - 1}) if batch else []:
+        single = np.full(n * n, MARK)
+        cone.nt_scaling_matrix_into(s[b * n:(b + 1) * n], z[b * n:(b + 1) * n], single)
+        np.testing.assert_array_equal(out[b * n * n:(b + 1) * n * n], single)
 
 
 def sequential_sum(terms):
@@ -59,35 +127,3 @@ def sequential_sum(terms):
     for t in terms:
         total += float(t)
     return total
-
-
-def split(n, threads):
-    """Contiguous blocks of n items over `threads` threads (the first n % T take one more)."""
-    q, r = divmod(n, threads)
-    ranges = []
-    for t in range(threads):
-        begin = t * (q + 1) if t < r else r + t * q
-        ranges.append((begin, begin + (q + 1 if t < r else q)))
-    return ranges
-
-
-def two_stage_sums(terms, threads):
-    """Every value the two-stage reduction can give: per-thread sums in index
-    order, combined in any order starting from 0.0."""
-    partials = [sequential_sum(terms[b:e]) for b, e in split(len(terms), threads)]
-    return {sequential_sum(order) for order in itertools.permutations(partials)}
-
-
-def run_with_threads(tmp_path, body, threads):
-    """Runs `body` (which fills a dict `results` of arrays, with `np`, `m` and
-    `rng` in scope) under OMP_NUM_THREADS=threads; returns the results."""
-    path = tmp_path / f"results_{threads}.npz"
-    code = (
-        "import numpy as np\n"
-        "from dravik.mirel.cones.cpp import _cpp_cuda as m\n"
-        "rng = np.random.default_rng(2024)\n"
-        "results = {}\n" + textwrap.dedent(body) + f"\nnp.savez({str(path)!r}, **results)\n"
-    )
-    run_python(code, OMP_NUM_THREADS=threads)
-    with np.load(path) as data:
-        return {k: data[k] for k in data.files}

@@ -1,5 +1,6 @@
 """Shared fixtures: the module, fake device arrays, and real GPU arrays where
 a usable CUDA device and CuPy or PyTorch are present."""
+import importlib
 import os
 import subprocess
 import sys
@@ -24,11 +25,11 @@ def rng():
 
 
 class GpuArrays:
-    """Moves float64 vectors between NumPy and one GPU array library."""
+    """Moves float64 vectors between NumPy and one GPU array library, and runs
+    cone methods on device copies of host values."""
 
     def __init__(self, name, lib):
-        self.name = name
-        self.lib = lib
+        self.name, self.lib = name, lib
 
     def to_device(self, values):
         values = np.ascontiguousarray(values, dtype=np.float64)
@@ -40,9 +41,7 @@ class GpuArrays:
         return self.to_device(np.full(n, fill))
 
     def to_host(self, array):
-        if self.name == "cupy":
-            return self.lib.asnumpy(array)
-        return array.cpu().numpy()
+        return self.lib.asnumpy(array) if self.name == "cupy" else array.cpu().numpy()
 
     def synchronize(self):
         if self.name == "cupy":
@@ -50,23 +49,35 @@ class GpuArrays:
         else:
             self.lib.cuda.synchronize()
 
+    def project(self, cone, x, in_place=False, stream=0):
+        """cone.project_into on a device copy of x (into a fresh output unless
+        in_place); the result back on the host."""
+        d = self.to_device(x)
+        out = d if in_place else self.empty(len(d))
+        self.synchronize()  # the copy ran on the library's own stream
+        cone.project_into(d, out, stream)
+        self.synchronize()
+        return self.to_host(out)
+
+    def scaling(self, cone, s, z, batch, method="nt_scaling_matrix_batch_into", stream=0):
+        """A batch NT scaling method on device copies of s and z, back on the host."""
+        ds, dz, out = self.to_device(s), self.to_device(z), self.empty(cone.rows ** 2 * batch)
+        self.synchronize()
+        getattr(cone, method)(ds, dz, out, batch, stream)
+        self.synchronize()
+        return self.to_host(out)
+
 
 def _gpu_arrays():
     if not _cpp_cuda.has_cuda():
         return None, "no usable CUDA device (has_cuda() is false)"
-    try:
-        import cupy
-
-        return GpuArrays("cupy", cupy), ""
-    except ImportError:
-        pass
-    try:
-        import torch
-
-        if torch.cuda.is_available():
-            return GpuArrays("torch", torch), ""
-    except ImportError:
-        pass
+    for name in ("cupy", "torch"):
+        try:
+            lib = importlib.import_module(name)
+        except ImportError:
+            continue
+        if name == "cupy" or lib.cuda.is_available():
+            return GpuArrays(name, lib), ""
     return None, "a CUDA device is present but neither CuPy nor PyTorch is installed"
 
 

@@ -22,15 +22,9 @@ class DLDataType(ctypes.Structure):
 
 
 class DLTensor(ctypes.Structure):
-    _fields_ = [
-        ("data", ctypes.c_void_p),
-        ("device", DLDevice),
-        ("ndim", ctypes.c_int32),
-        ("dtype", DLDataType),
-        ("shape", ctypes.POINTER(ctypes.c_int64)),
-        ("strides", ctypes.POINTER(ctypes.c_int64)),
-        ("byte_offset", ctypes.c_uint64),
-    ]
+    _fields_ = [("data", ctypes.c_void_p), ("device", DLDevice), ("ndim", ctypes.c_int32),
+                ("dtype", DLDataType), ("shape", ctypes.POINTER(ctypes.c_int64)),
+                ("strides", ctypes.POINTER(ctypes.c_int64)), ("byte_offset", ctypes.c_uint64)]
 
 
 class DLManagedTensor(ctypes.Structure):
@@ -38,11 +32,8 @@ class DLManagedTensor(ctypes.Structure):
 
 
 _Deleter = ctypes.CFUNCTYPE(None, ctypes.POINTER(DLManagedTensor))
-DLManagedTensor._fields_ = [
-    ("dl_tensor", DLTensor),
-    ("manager_ctx", ctypes.c_void_p),
-    ("deleter", _Deleter),
-]
+DLManagedTensor._fields_ = [("dl_tensor", DLTensor), ("manager_ctx", ctypes.c_void_p),
+                            ("deleter", _Deleter)]
 
 # Everything a handed-out tensor points at stays here until its deleter runs.
 _alive = {}
@@ -53,24 +44,25 @@ def _delete(managed):
     _alive.pop(ctypes.addressof(managed.contents), None)
 
 
+def _python_api(name, restype, *argtypes):
+    function = getattr(ctypes.pythonapi, name)
+    function.restype, function.argtypes = restype, list(argtypes)
+    return function
+
+
 _CapsuleDestructor = ctypes.CFUNCTYPE(None, ctypes.c_void_p)
-_capsule_new = ctypes.pythonapi.PyCapsule_New
-_capsule_new.restype = ctypes.py_object
-_capsule_new.argtypes = [ctypes.c_void_p, ctypes.c_char_p, _CapsuleDestructor]
-_capsule_valid = ctypes.pythonapi.PyCapsule_IsValid
-_capsule_valid.restype = ctypes.c_int
-_capsule_valid.argtypes = [ctypes.c_void_p, ctypes.c_char_p]
-_capsule_pointer = ctypes.pythonapi.PyCapsule_GetPointer
-_capsule_pointer.restype = ctypes.c_void_p
-_capsule_pointer.argtypes = [ctypes.c_void_p, ctypes.c_char_p]
+_capsule_new = _python_api("PyCapsule_New", ctypes.py_object, ctypes.c_void_p, ctypes.c_char_p,
+                           _CapsuleDestructor)
+_capsule_valid = _python_api("PyCapsule_IsValid", ctypes.c_int, ctypes.c_void_p, ctypes.c_char_p)
+_capsule_pointer = _python_api("PyCapsule_GetPointer", ctypes.c_void_p, ctypes.c_void_p,
+                               ctypes.c_char_p)
 
 
 @_CapsuleDestructor
 def _capsule_gone(capsule):
     # Nobody consumed the tensor: release it here, as a producer must.
     if _capsule_valid(capsule, b"dltensor"):
-        address = _capsule_pointer(capsule, b"dltensor")
-        _alive.pop(address, None)
+        _alive.pop(_capsule_pointer(capsule, b"dltensor"), None)
 
 
 class FakeDeviceArray:
@@ -78,8 +70,7 @@ class FakeDeviceArray:
 
     def __init__(self, values, device_type=CUDA, device_id=0):
         self.host = np.ascontiguousarray(values)
-        self.device_type = device_type
-        self.device_id = device_id
+        self.device_type, self.device_id = device_type, device_id
 
     def __dlpack_device__(self):
         return (self.device_type, self.device_id)
@@ -87,15 +78,10 @@ class FakeDeviceArray:
     def __dlpack__(self, stream=None):
         managed = DLManagedTensor()
         shape = (ctypes.c_int64 * 1)(self.host.shape[0])
-        t = managed.dl_tensor
-        t.data = self.host.ctypes.data
-        t.device = DLDevice(self.device_type, self.device_id)
-        t.ndim = 1
-        code = 2 if self.host.dtype.kind == "f" else 0
-        t.dtype = DLDataType(code, self.host.dtype.itemsize * 8, 1)
-        t.shape = shape
-        t.strides = None
-        t.byte_offset = 0
+        code = 2 if self.host.dtype.kind == "f" else 0  # float or signed int
+        device = DLDevice(self.device_type, self.device_id)
+        dtype = DLDataType(code, self.host.dtype.itemsize * 8, 1)
+        managed.dl_tensor = DLTensor(self.host.ctypes.data, device, 1, dtype, shape, None, 0)
         managed.deleter = _delete
         address = ctypes.addressof(managed)
         _alive[address] = (managed, shape, self.host)

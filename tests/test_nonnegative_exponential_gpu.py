@@ -1,25 +1,9 @@
 """Device paths of the nonnegative and exponential cones against the host
-results. Every test but the first needs a CUDA device (the `gpu` fixture skips
-otherwise)."""
-import ctypes
-
+results. Needs a CUDA device (the `gpu` fixture skips otherwise)."""
 import numpy as np
 import pytest
+from cone_cases import projected as host_project
 from test_exponential_cone import interior_blocks, sample_blocks
-
-
-def test_device_interface_is_exported(m):
-    library = ctypes.CDLL(m.__file__)
-    for family, operations in (("nonnegative", "project violation contains nt_scaling_batch"),
-                               ("exp", "project violation contains nt_scaling_batch")):
-        for operation in operations.split():
-            assert hasattr(library, f"dravik_{family}_{operation}_cuda")
-
-
-def host_project(cone, x):
-    out = np.empty_like(x)
-    cone.project_into(x, out)
-    return out
 
 
 # (n, input offset, output offset) in doubles from 256-byte aligned bases:
@@ -69,16 +53,12 @@ def test_nonnegative_nan_and_empty(m, gpu):
 
 
 @pytest.mark.parametrize("blocks", [1, 255, 256, 257, 4097, 65537])
-@pytest.mark.parametrize("aliased", [False, True])
-def test_exp_project_and_violation(m, gpu, rng, blocks, aliased):
+@pytest.mark.parametrize("in_place", [False, True])
+def test_exp_project_and_violation(m, gpu, rng, blocks, in_place):
     v = sample_blocks(rng, blocks)
     cone = m.ExponentialConeCpp(blocks)
-    d = gpu.to_device(v)
-    out = d if aliased else gpu.empty(3 * blocks)
-    cone.project_into(d, out)
-    gpu.synchronize()
-    np.testing.assert_allclose(gpu.to_host(out), host_project(cone, v), rtol=1e-13, atol=0,
-                               equal_nan=True)
+    np.testing.assert_allclose(gpu.project(cone, v, in_place), host_project(cone, v), rtol=1e-13,
+                               atol=0, equal_nan=True)
     finite = np.nan_to_num(v, nan=0.5)
     finite[np.abs(finite) < 1e-6] = 0.5  # keeps exp(x / y) moderate
     assert cone.violation(gpu.to_device(finite)) == pytest.approx(cone.violation(finite),
@@ -96,23 +76,15 @@ def test_exp_contains(m, gpu, rng, blocks):
         assert cone.contains(gpu.to_device(bad)) is False
 
 
-def device_scaling(gpu, cone, s, z, batch, stream=0):
-    ds, dz, out = gpu.to_device(s), gpu.to_device(z), gpu.empty(cone.rows ** 2 * batch)
-    gpu.synchronize()  # the copies ran on the library's own stream
-    cone.nt_scaling_matrix_batch_into(ds, dz, out, batch, stream)
-    gpu.synchronize()
-    return gpu.to_host(out)
-
-
 @pytest.mark.parametrize("dim, batch", [(5, 7), (1, 1000), (40, 3), (3, 0)])
 def test_nonnegative_scaling_batch(m, gpu, rng, dim, batch):
     s, z = rng.uniform(0.1, 3, dim * batch), rng.uniform(0.1, 3, dim * batch)
     cone = m.NonnegativeConeCpp(dim)
     host = np.empty(dim * dim * batch)
     cone.nt_scaling_matrix_batch_into(s, z, host, batch)
-    np.testing.assert_array_equal(device_scaling(gpu, cone, s, z, batch), host)
+    np.testing.assert_array_equal(gpu.scaling(cone, s, z, batch), host)
     # No positivity test on the device: the quotients are written as they come.
-    got = device_scaling(gpu, m.NonnegativeConeCpp(2), np.array([0.0, -2.0]), np.ones(2), 1)
+    got = gpu.scaling(m.NonnegativeConeCpp(2), np.array([0.0, -2.0]), np.ones(2), 1)
     assert got.tolist() == [np.inf, 0.0, 0.0, -0.5]
 
 
@@ -122,19 +94,16 @@ def test_exp_scaling_batch(m, gpu, rng, blocks, batch):
     cone = m.ExponentialConeCpp(blocks)
     host = np.empty(9 * blocks * blocks * batch)
     cone.nt_scaling_matrix_batch_into(s, z, host, batch)
-    device = device_scaling(gpu, cone, s, z, batch)
+    device = gpu.scaling(cone, s, z, batch)
     np.testing.assert_allclose(device, host, rtol=1e-13, atol=1e-15)
     np.testing.assert_array_equal(device == 0.0, host == 0.0)  # off-block entries exactly 0.0
     assert blocks != 2 or device[3] == 0.0  # row 0, column 3
 
 
 def test_enqueued_on_callers_stream(m, gpu, rng):
-    if gpu.name == "cupy":
-        stream = gpu.lib.cuda.Stream(non_blocking=True)
-        handle = stream.ptr
-    else:
-        stream = gpu.lib.cuda.Stream()
-        handle = stream.cuda_stream
+    cupy = gpu.name == "cupy"
+    stream = gpu.lib.cuda.Stream(non_blocking=True) if cupy else gpu.lib.cuda.Stream()
+    handle = stream.ptr if cupy else stream.cuda_stream
     x = rng.standard_normal(3 * 500)
     exp_cone, nn_cone = m.ExponentialConeCpp(500), m.NonnegativeConeCpp(3 * 500)
     d, out_exp, out_nn = gpu.to_device(x), gpu.empty(x.size), gpu.empty(x.size)
@@ -145,5 +114,5 @@ def test_enqueued_on_callers_stream(m, gpu, rng):
     np.testing.assert_allclose(gpu.to_host(out_exp), host_project(exp_cone, x), rtol=1e-13)
     np.testing.assert_array_equal(gpu.to_host(out_nn), host_project(nn_cone, x))
     s = interior_blocks(rng, 2)
-    np.testing.assert_allclose(device_scaling(gpu, m.ExponentialConeCpp(2), s, s, 1, handle),
+    np.testing.assert_allclose(gpu.scaling(m.ExponentialConeCpp(2), s, s, 1, stream=handle),
                                np.eye(6).ravel(), atol=1e-15)

@@ -3,13 +3,12 @@ the custom, cuBLAS and default NT scaling paths, each against the host path
 on the same values. Skipped without a usable GPU and CuPy or PyTorch."""
 import numpy as np
 import pytest
+from cone_cases import projected
+from test_second_order_cone import sample
+from test_second_order_nt_scaling import interior_batch
 
-
-def vector(kind, dim, rng):
-    x = rng.standard_normal(dim)
-    r = np.linalg.norm(x[1:])
-    x[0] = {"inside": 1.5 * r + 0.1, "polar": -1.5 * r - 0.1, "between": 0.3 * r}[kind]
-    return x
+METHODS = ["nt_scaling_matrix_batch_into", "nt_scaling_matrix_batch_custom_into",
+           "nt_scaling_matrix_batch_cublas_into"]
 
 
 # 257 spans two blocks, 70000 needs two reduction passes for the tail norm.
@@ -17,30 +16,14 @@ def vector(kind, dim, rng):
 @pytest.mark.parametrize("kind", ["inside", "polar", "between"])
 def test_elementwise_functions_match_host(m, gpu, rng, dim, kind):
     cone = m.SecondOrderConeCpp(dim)
-    x = vector(kind, dim, rng) if dim > 1 else np.array([{"inside": 2.0, "polar": -2.0,
-                                                           "between": 0.0}[kind]])
-    host = np.empty(dim)
-    cone.project_into(x, host)
+    x = sample(kind, dim, rng) if dim > 1 else np.array([{"inside": 2.0, "polar": -2.0,
+                                                          "between": 0.0}[kind]])
+    host = projected(cone, x)
+    for in_place in (False, True):
+        np.testing.assert_allclose(gpu.project(cone, x, in_place), host, rtol=1e-12, atol=1e-14)
     dx = gpu.to_device(x)
-    out = gpu.empty(dim)
-    cone.project_into(dx, out)
-    gpu.synchronize()
-    np.testing.assert_allclose(gpu.to_host(out), host, rtol=1e-12, atol=1e-14)
     assert cone.violation(dx) == pytest.approx(cone.violation(x), rel=1e-12, abs=1e-14)
     assert cone.contains(dx) == cone.contains(x)
-
-
-@pytest.mark.parametrize("dim", [2, 257, 70000])
-@pytest.mark.parametrize("kind", ["polar", "between"])
-def test_projection_in_place(m, gpu, rng, dim, kind):
-    cone = m.SecondOrderConeCpp(dim)
-    x = vector(kind, dim, rng)
-    host = np.empty(dim)
-    cone.project_into(x, host)
-    dx = gpu.to_device(x)
-    cone.project_into(dx, dx)
-    gpu.synchronize()
-    np.testing.assert_allclose(gpu.to_host(dx), host, rtol=1e-12, atol=1e-14)
 
 
 def test_documented_device_values(m, gpu):
@@ -53,18 +36,6 @@ def test_documented_device_values(m, gpu):
     assert m.SecondOrderConeCpp(1).contains(gpu.to_device([-5e-9]))
 
 
-def interior_batch(dim, batch, rng):
-    s = rng.standard_normal((batch, dim))
-    z = rng.standard_normal((batch, dim))
-    s[:, 0] = 1.5 * np.linalg.norm(s[:, 1:], axis=1) + 0.1
-    z[:, 0] = 3.0 * np.linalg.norm(z[:, 1:], axis=1) + 0.1
-    return s.ravel(), z.ravel()
-
-
-METHODS = ["nt_scaling_matrix_batch_into", "nt_scaling_matrix_batch_custom_into",
-           "nt_scaling_matrix_batch_cublas_into"]
-
-
 @pytest.mark.parametrize("dim", [1, 2, 5, 32, 33, 300])
 @pytest.mark.parametrize("batch", [1, 15, 16, 1000])
 def test_nt_scaling_paths_match_host(m, gpu, rng, dim, batch):
@@ -72,38 +43,24 @@ def test_nt_scaling_paths_match_host(m, gpu, rng, dim, batch):
     s, z = interior_batch(dim, batch, rng)
     host = np.empty(dim * dim * batch)
     cone.nt_scaling_matrix_batch_into(s, z, host, batch)
-    ds, dz = gpu.to_device(s), gpu.to_device(z)
     for method in METHODS:
-        out = gpu.empty(dim * dim * batch)
-        getattr(cone, method)(ds, dz, out, batch)
+        np.testing.assert_allclose(gpu.scaling(cone, s, z, batch, method), host, rtol=1e-9,
+                                   atol=1e-11, err_msg=method)
+    if batch == 1:
+        out = gpu.empty(dim * dim)
+        cone.nt_scaling_matrix_into(gpu.to_device(s), gpu.to_device(z), out)
         gpu.synchronize()
-        np.testing.assert_allclose(gpu.to_host(out), host, rtol=1e-9, atol=1e-11,
-                                   err_msg=method)
-        del out
-
-
-def test_nt_scaling_into_is_batch_of_one(m, gpu, rng):
-    cone = m.SecondOrderConeCpp(4)
-    s, z = interior_batch(4, 1, rng)
-    out = gpu.empty(16)
-    cone.nt_scaling_matrix_into(gpu.to_device(s), gpu.to_device(z), out)
-    gpu.synchronize()
-    np.testing.assert_allclose(gpu.to_host(out), cone.nt_scaling_matrix(s, z), rtol=1e-12)
+        np.testing.assert_allclose(gpu.to_host(out), host, rtol=1e-9, atol=1e-11)
 
 
 @pytest.mark.parametrize("method", METHODS)
-def test_zero_batch_leaves_output_untouched(m, gpu, method):
+def test_zero_batch_and_no_interior_test(m, gpu, method):
     out = gpu.empty(4, fill=7.0)
     getattr(m.SecondOrderConeCpp(2), method)(gpu.to_device(np.empty(0)),
                                              gpu.to_device(np.empty(0)), out[:0], 0)
     gpu.synchronize()
     assert (gpu.to_host(out) == 7.0).all()
-
-
-@pytest.mark.parametrize("method", METHODS)
-def test_device_paths_do_not_check_interiority(m, gpu, method):
-    s = gpu.to_device([5.0, 3.0, 4.0])
-    out = gpu.empty(9)
-    getattr(m.SecondOrderConeCpp(3), method)(s, s, out, 1)
-    gpu.synchronize()
-    assert not np.isfinite(gpu.to_host(out)).all()
+    # The device paths do not check interiority: a boundary pair gives non-finite entries.
+    boundary = np.array([5.0, 3.0, 4.0])
+    got = gpu.scaling(m.SecondOrderConeCpp(3), boundary, boundary, 1, method)
+    assert not np.isfinite(got).all()
