@@ -105,7 +105,7 @@ def test_contains_examples(m, block, atol, inside):
 
 def test_scaling_example(m):
     s, z = np.array([0.0, 1.0, 2.0]), np.array([0.0, 1.0, 3.0])
-    mat = scaling_of(m.ExponentialConeCpp(), s, z).reshape(3, 3)
+    mat = scaling_of(m.ExponentialConeCpp(), s, z, True).reshape(3, 3)
     np.testing.assert_allclose(mat, [[1, 0, 0], [0, 0.92, 0.04], [0, 0.04, 1.48]], atol=1e-15)
     np.testing.assert_allclose(mat @ s, z, atol=1e-15)
 
@@ -114,7 +114,7 @@ def test_scaling_example(m):
 def test_scaling_forms_against_numpy(m, rng, blocks):
     s, z = interior_blocks(rng, blocks), interior_blocks(rng, blocks)
     n = 3 * blocks
-    mat = scaling_of(m.ExponentialConeCpp(blocks), s, z).reshape(n, n)
+    mat = scaling_of(m.ExponentialConeCpp(blocks), s, z, True).reshape(n, n)
     expected = np.zeros((n, n))
     for k in range(blocks):
         sl = slice(3 * k, 3 * k + 3)
@@ -127,9 +127,49 @@ def test_scaling_forms_against_numpy(m, rng, blocks):
     np.testing.assert_allclose(mat @ s, z, rtol=1e-13)
 
 
+def _block_entries(s, z, left_to_right):
+    """The 3 x 3 block entry by entry in Python floats (no fused operations)."""
+    s, z = [float(v) for v in s], [float(v) for v in z]
+    d = [z[i] - s[i] for i in range(3)]
+    q = c = 0.0
+    for i in range(3):
+        q += s[i] * s[i]
+    for i in range(3):
+        c += d[i] * s[i]
+    q2 = q * q
+    out = []
+    for r in range(3):
+        for k in range(3):
+            one = 1.0 if r == k else 0.0
+            if left_to_right:
+                out.append(((one + d[k] * s[r] / q) + s[k] * d[r] / q) - s[k] * (s[r] * c) / q2)
+            else:
+                out.append(one + ((d[k] * s[r] / q + s[k] * d[r] / q) - s[k] * (s[r] * c) / q2))
+    return np.array(out).reshape(3, 3)
+
+
+def test_scaling_groupings_are_bit_exact(m, rng):
+    # The list and array forms group the sum as the dense builder does; the
+    # written forms add the terms left to right. Both are fixed to the bit.
+    blocks = 40
+    s, z = interior_blocks(rng, blocks), interior_blocks(rng, blocks)
+    cone, n = m.ExponentialConeCpp(blocks), 3 * blocks
+    dense = cone.nt_scaling_matrix_array(s, z)
+    written = np.full(n * n, np.nan)
+    cone.nt_scaling_matrix_batch_into(s, z, written, 1)
+    written = written.reshape(n, n)
+    differ = 0
+    for k in range(blocks):
+        sl = slice(3 * k, 3 * k + 3)
+        np.testing.assert_array_equal(dense[sl, sl], _block_entries(s[sl], z[sl], False))
+        np.testing.assert_array_equal(written[sl, sl], _block_entries(s[sl], z[sl], True))
+        differ += np.count_nonzero(dense[sl, sl] != written[sl, sl])
+    assert differ > 0  # the two groupings really are told apart
+
+
 def test_scaling_of_equal_pair_is_identity(m, rng):
     s = interior_blocks(rng, 3)
-    got = scaling_of(m.ExponentialConeCpp(3), s, s.copy())
+    got = scaling_of(m.ExponentialConeCpp(3), s, s.copy(), True)
     np.testing.assert_array_equal(got, np.eye(9).ravel())
 
 

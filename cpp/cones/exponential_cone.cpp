@@ -32,7 +32,7 @@ bool interior_pair(const double* s, const double* z) {
 void write_scaling_block(const double* s, const double* z, double* corner, uint64_t n) {
     const ExpScalingBlock m = exp_scaling_block(s, z);
     for (unsigned i = 0; i < 3; ++i) {
-        for (unsigned j = 0; j < 3; ++j) corner[i * n + j] = m.entry(i, j);
+        for (unsigned j = 0; j < 3; ++j) corner[i * n + j] = m.batch_entry(i, j);
     }
 }
 

@@ -97,8 +97,13 @@ struct ExpScalingBlock {
     double c;
     double q2;
 
+    // Grouped as the dense builder groups it (the device kernel's entry).
     DRAVIK_HD double entry(unsigned i, unsigned j) const {
         return rank_two_entry(i == j ? 1.0 : 0.0, a[i], a[j], d[i], d[j], q, c, q2);
+    }
+    // Added left to right, as the host batch writes it.
+    DRAVIK_HD double batch_entry(unsigned i, unsigned j) const {
+        return rank_two_entry_left_to_right(i == j ? 1.0 : 0.0, a[i], a[j], d[i], d[j], q, c, q2);
     }
 };
 
