@@ -14,5 +14,5 @@ nb_dir=$(bash scripts/setup.sh "$python" "$build/deps" | tail -n 1)
 python=$(command -v "$python")
 
 cmake -S . -B "$build" -DPython_EXECUTABLE="$python" \
-  -Dnanobind_DIR="$nb_dir" -DCMAKE_PREFIX_PATH="$(pwd)/$build/deps/usr" "$@" >/dev/null
+  -Dnanobind_DIR="$nb_dir" -DCMAKE_PREFIX_PATH="$(realpath -m "$build/deps/usr")" "$@" >/dev/null
 cmake --build "$build" -j "$(nproc)" -- --no-print-directory
