@@ -15,4 +15,4 @@ python=$(command -v "$python")
 
 cmake -S . -B "$build" -DPython_EXECUTABLE="$python" \
   -Dnanobind_DIR="$nb_dir" -DCMAKE_PREFIX_PATH="$(realpath -m "$build/deps/usr")" "$@" >/dev/null
-cmake --build "$build" -j "$(nproc)" -- --no-print-directory
+MAKEFLAGS=--no-print-directory cmake --build "$build" -j "$(nproc)"
