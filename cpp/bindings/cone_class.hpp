@@ -39,9 +39,10 @@ public:
     nb::object nt_scaling_matrix_array(ReadVector s, ReadVector z) const {
         return to_numpy(Core::nt_scaling_matrix_array(array_ref(s), array_ref(z)));
     }
+    // Exactly the batch of one: same checks, messages and device path.
     void nt_scaling_matrix_into(ReadVector s, ReadVector z, WriteVector output,
                                 uint64_t stream) const {
-        Core::nt_scaling_matrix_into(array_ref(s), array_ref(z), array_ref(output), stream);
+        Core::nt_scaling_matrix_batch_into(array_ref(s), array_ref(z), array_ref(output), 1, stream);
     }
     void nt_scaling_matrix_batch_into(ReadVector s, ReadVector z, WriteVector output,
                                       uint64_t batch, uint64_t stream) const {

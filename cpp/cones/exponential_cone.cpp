@@ -117,11 +117,6 @@ OwnedArray ExponentialConeCpp::nt_scaling_matrix_array(const ArrayRef& s,
     return dense_matrix_array(dense_scaling(s, z), rows(), kScalingLabel);
 }
 
-void ExponentialConeCpp::nt_scaling_matrix_into(const ArrayRef& s, const ArrayRef& z,
-                                                const ArrayRef& output, uint64_t stream) const {
-    nt_scaling_matrix_batch_into(s, z, output, 1, stream);
-}
-
 void ExponentialConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
                                                       const ArrayRef& output, uint64_t batch,
                                                       uint64_t stream) const {

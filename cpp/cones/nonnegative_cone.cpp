@@ -99,11 +99,6 @@ OwnedArray NonnegativeConeCpp::nt_scaling_matrix_array(const ArrayRef& s,
     return diagonal_ratio_array(zv.data, sv.data, dim_, kScalingLabel);
 }
 
-void NonnegativeConeCpp::nt_scaling_matrix_into(const ArrayRef& s, const ArrayRef& z,
-                                                const ArrayRef& output, uint64_t stream) const {
-    nt_scaling_matrix_batch_into(s, z, output, 1, stream);
-}
-
 void NonnegativeConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
                                                       const ArrayRef& output, uint64_t batch,
                                                       uint64_t stream) const {

@@ -106,11 +106,6 @@ OwnedArray SecondOrderConeCpp::nt_scaling_matrix_array(const ArrayRef& s,
                               "SOC NT scaling");
 }
 
-void SecondOrderConeCpp::nt_scaling_matrix_into(const ArrayRef& s, const ArrayRef& z,
-                                                const ArrayRef& output, uint64_t stream) const {
-    scale_batch(s, z, output, 1, stream, BatchMethod::Default);
-}
-
 void SecondOrderConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
                                                       const ArrayRef& output, uint64_t batch,
                                                       uint64_t stream) const {

@@ -78,11 +78,6 @@ OwnedArray ZeroConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRe
     return identity_array(dim_);
 }
 
-void ZeroConeCpp::nt_scaling_matrix_into(const ArrayRef& s, const ArrayRef& z,
-                                         const ArrayRef& output, uint64_t stream) const {
-    nt_scaling_matrix_batch_into(s, z, output, 1, stream);
-}
-
 void ZeroConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
                                                const ArrayRef& output, uint64_t batch,
                                                uint64_t stream) const {

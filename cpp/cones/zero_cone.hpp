@@ -22,8 +22,6 @@ public:
 
     std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
     OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
-    void nt_scaling_matrix_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
-                                uint64_t stream) const;
     void nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
                                       uint64_t batch, uint64_t stream) const;
 
