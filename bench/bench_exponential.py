@@ -2,7 +2,7 @@
 formulas (interior tests, rank-two blocks, zeroed block-diagonal output), and
 the device batch against the host where a GPU and CuPy or PyTorch are present."""
 import numpy as np
-from timing import best_time, report
+from timing import best_time, gpu_library, report
 
 from dravik.mirel.cones.cpp import _cpp_cuda as m
 
@@ -49,20 +49,9 @@ def host_section(rng):
                "numpy")
 
 
-def gpu_library():
-    if not m.has_cuda():
-        return None, "no usable CUDA device"
-    try:
-        import cupy
-
-        return cupy, ""
-    except ImportError:
-        return None, "a CUDA device is present but CuPy is not installed"
-
-
 def device_section(rng):
-    cupy, reason = gpu_library()
-    if cupy is None:
+    gpu, reason = gpu_library(m)
+    if gpu is None:
         print(f"exp NT scaling on the device: skipped ({reason})")
         return
     for blocks, batch in CASES:
@@ -70,13 +59,9 @@ def device_section(rng):
         s, z = interior_blocks(rng, blocks * batch), interior_blocks(rng, blocks * batch)
         cone = m.ExponentialConeCpp(blocks)
         host_out = np.empty(n * n * batch)
-        ds, dz, dout = cupy.asarray(s), cupy.asarray(z), cupy.empty(n * n * batch)
-
-        def on_device():
-            cone.nt_scaling_matrix_batch_into(ds, dz, dout, batch)
-            cupy.cuda.Device().synchronize()
-
-        report(f"exp NT scaling device blocks={blocks} batch={batch}", best_time(on_device),
+        ds, dz, dout = gpu.to_device(s), gpu.to_device(z), gpu.to_device(host_out)
+        on_device = gpu.timed(lambda: cone.nt_scaling_matrix_batch_into(ds, dz, dout, batch))
+        report(f"exp NT scaling device blocks={blocks} batch={batch}", on_device,
                best_time(lambda: cone.nt_scaling_matrix_batch_into(s, z, host_out, batch)),
                "host")
 

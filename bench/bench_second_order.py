@@ -2,7 +2,7 @@
 Jordan-algebra formulas vectorised over the batch with NumPy, and on a GPU
 the columns kernel, the cuBLAS path and the formulas in CuPy or PyTorch."""
 import numpy as np
-from timing import best_time, report
+from timing import best_time, gpu_library, report
 
 from dravik.mirel.cones.cpp import _cpp_cuda as m
 
@@ -76,35 +76,14 @@ def host_section(rng):
     report(f"SOC NT scaling host dim={dim} batch={batch}", ours, peer, "numpy")
 
 
-def gpu_library():
-    if not m.has_cuda():
-        return None, "no usable CUDA device"
-    try:
-        import cupy
-        return ("cupy", cupy), ""
-    except ImportError:
-        pass
-    try:
-        import torch
-        if torch.cuda.is_available():
-            return ("torch", torch), ""
-    except ImportError:
-        pass
-    return None, "neither CuPy nor PyTorch is installed"
-
-
 def gpu_section(rng):
-    lib, reason = gpu_library()
-    if lib is None:
+    gpu, reason = gpu_library(m)
+    if gpu is None:
         print(f"SOC NT scaling GPU section skipped: {reason}")
         return
-    name, xp = lib
-    if name == "cupy":
-        to_device, sync = xp.asarray, xp.cuda.Device().synchronize
-    else:
-        def to_device(a):
-            return xp.from_numpy(np.ascontiguousarray(a)).to("cuda")
-        sync = xp.cuda.synchronize
+    xp, to_device, timed = gpu.xp, gpu.to_device, gpu.timed
+    copy_rate = gpu.copy_bandwidth()
+    print(f"device copy bandwidth {copy_rate / 1e9:.0f} GB/s (read + write)")
     batch = 10000
     for dim in (8, 32):
         cone = m.SecondOrderConeCpp(dim)
@@ -115,18 +94,13 @@ def gpu_section(rng):
         reflect = to_device(reflection(dim))
         nbytes = out.shape[0] * 8
 
-        def timed(fn):
-            def run():
-                fn()
-                sync()
-            return best_time(run, repeat=10, number=5)
-
         custom = timed(lambda: cone.nt_scaling_matrix_batch_custom_into(flat_s, flat_z, out, batch))
         cublas = timed(lambda: cone.nt_scaling_matrix_batch_cublas_into(flat_s, flat_z, out, batch))
         peer = timed(lambda: nt_scaling_formulas(xp, ds, dz, reflect))
         for label, ours in (("custom", custom), ("cublas", cublas)):
-            report(f"SOC NT scaling GPU {label} dim={dim} batch={batch}", ours, peer, name)
-            print(f"    output {nbytes / ours / 1e9:.1f} GB/s")
+            report(f"SOC NT scaling GPU {label} dim={dim} batch={batch}", ours, peer, gpu.name)
+            print(f"    output {nbytes / ours / 1e9:.1f} GB/s, "
+                  f"{100 * nbytes / ours / copy_rate:.1f}% of the copy bandwidth")
 
 
 def main():
