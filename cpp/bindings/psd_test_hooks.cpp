@@ -8,8 +8,8 @@
 #include "bindings/arrays.hpp"
 #include "bindings/registration.hpp"
 #include "cones/jacobi.hpp"
-#include "cones/psd2.hpp"
-#include "cones/svec.hpp"
+#include "cones/math/psd2.hpp"
+#include "cones/math/svec.hpp"
 
 namespace dravik::mirel::cones::cpp {
 namespace {

@@ -6,16 +6,6 @@
 
 namespace dravik::mirel::cones::cpp {
 
-void fail(const std::string& message) { throw std::runtime_error(message); }
-
-uint64_t checked_product(uint64_t a, uint64_t b, const char* what, const char* product) {
-    uint64_t result = 0;
-    if (__builtin_mul_overflow(a, b, &result)) {
-        throw std::length_error(std::string(what) + " too large: " + product + " overflows");
-    }
-    return result;
-}
-
 void check_length(uint64_t actual, uint64_t expected, const char* name) {
     if (actual != expected) {
         fail(std::string(name) + " expected " + std::to_string(expected) + " entries, got " +

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "cones/errors.hpp"
+
 namespace dravik::mirel::cones::cpp {
 
 // DLPack device-type codes of the two memory spaces the system works on.
@@ -34,13 +36,6 @@ struct IndexView {
     DeviceKind device;
     int32_t device_id;
 };
-
-[[noreturn]] void fail(const std::string& message);
-
-// a * b, or std::length_error (ValueError in Python) with `what` + " too
-// large: " + `product` + " overflows" when the product does not fit in 64
-// bits: a wrapped size could pass a length check and let a loop overrun.
-uint64_t checked_product(uint64_t a, uint64_t b, const char* what, const char* product);
 
 void check_length(uint64_t actual, uint64_t expected, const char* name);
 VectorView make_vector_view(const ArrayRef& array, const char* name);

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "cones/parallel.hpp"
-#include "cones/rank_two.hpp"
+#include "cones/math/rank_two.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -6,7 +6,7 @@
 
 #include "cones/dense.hpp"
 #include "cones/device_call.hpp"
-#include "cones/exponential_math.hpp"
+#include "cones/math/exponential.hpp"
 #include "cones/parallel.hpp"
 
 namespace dravik::mirel::cones::cpp {

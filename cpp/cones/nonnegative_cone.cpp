@@ -6,7 +6,7 @@
 
 #include "cones/dense.hpp"
 #include "cones/device_call.hpp"
-#include "cones/nonnegative_math.hpp"
+#include "cones/math/nonnegative.hpp"
 #include "cones/parallel.hpp"
 
 namespace dravik::mirel::cones::cpp {

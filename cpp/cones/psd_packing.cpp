@@ -5,7 +5,7 @@
 
 #include "cones/dense.hpp"
 #include "cones/device_call.hpp"
-#include "cones/svec.hpp"
+#include "cones/math/svec.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

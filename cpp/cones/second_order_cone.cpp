@@ -7,7 +7,7 @@
 #include "cones/device_call.hpp"
 #include "cones/parallel.hpp"
 #include "cones/second_order_nt.hpp"
-#include "cones/soc_algebra.hpp"
+#include "cones/math/second_order.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

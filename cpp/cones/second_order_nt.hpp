@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "cones/soc_algebra.hpp"
+#include "cones/math/second_order.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

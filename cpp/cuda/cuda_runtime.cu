@@ -7,10 +7,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "cones/exponential_math.hpp"
-#include "cones/nonnegative_math.hpp"
-#include "cones/soc_algebra.hpp"
-#include "cones/psd2.hpp"
+#include "cones/math/exponential.hpp"
+#include "cones/math/nonnegative.hpp"
+#include "cones/math/second_order.hpp"
+#include "cones/math/psd2.hpp"
 #include "cuda/block_reduce.cuh"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"

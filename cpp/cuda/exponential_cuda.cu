@@ -2,8 +2,8 @@
 // (3m) x (3m) matrices, one thread per output entry. Entries inside block k
 // come from the rank-two map taking block k of s onto block k of z (no
 // interior test, no norm check); every other entry is 0.0.
-#include "cones/exponential_math.hpp"
-#include "cuda/batch_index.hpp"
+#include "cones/math/exponential.hpp"
+#include "cones/math/batch_index.hpp"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
 

@@ -1,6 +1,6 @@
 // Nonnegative-cone NT scaling on the device: a batch of diagonal matrices
 // diag(z / s), one thread per output entry.
-#include "cuda/batch_index.hpp"
+#include "cones/math/batch_index.hpp"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
 

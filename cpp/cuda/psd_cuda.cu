@@ -1,6 +1,6 @@
 // PSD on the device: batched svec/smat conversion. PSD kernels run in blocks
 // of 128 threads.
-#include "cones/svec.hpp"
+#include "cones/math/svec.hpp"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
 

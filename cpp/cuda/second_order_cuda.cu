@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "cones/soc_algebra.hpp"
+#include "cones/math/second_order.hpp"
 #include "cuda/block_reduce.cuh"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"

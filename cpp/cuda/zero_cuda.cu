@@ -1,5 +1,5 @@
 // Zero-cone NT scaling on the device: a batch of identity matrices.
-#include "cuda/batch_index.hpp"
+#include "cones/math/batch_index.hpp"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
 

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include "cones/host_device.hpp"
+#include "cones/math/host_device.hpp"
 
 namespace dravik::cuda {
 

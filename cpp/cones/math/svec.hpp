@@ -7,10 +7,10 @@
 #pragma once
 
 #include <cstdint>
-#include <stdexcept>
 #include <vector>
 
-#include "cones/host_device.hpp"
+#include "cones/errors.hpp"
+#include "cones/math/host_device.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -81,14 +81,10 @@ DRAVIK_HD inline void smat_unpack_into(const double* x, uint64_t n, double* m) {
     }
 }
 
-// The largest matrix order whose dense size n * n (and so its svec length)
-// fits in 64 bits. A larger order would wrap those sizes round to small
-// numbers that could pass a length check; it is refused as a size beyond
-// any vector (std::length_error, ValueError in Python).
-constexpr uint64_t kMaxPsdOrder = 0xFFFFFFFFull;
-
+// Refuses a matrix order whose dense size n * n (and so its svec length)
+// would wrap 64 bits.
 inline void require_psd_order(uint64_t n) {
-    if (n > kMaxPsdOrder) throw std::length_error("PSD matrix order too large: dim * dim overflows");
+    checked_product(n, n, "PSD matrix order", "dim * dim");
 }
 
 inline std::vector<double> smat_unpack(const double* x, uint64_t n) {

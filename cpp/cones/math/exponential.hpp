@@ -7,8 +7,8 @@
 
 #include <cmath>
 
-#include "cones/host_device.hpp"
-#include "cones/rank_two.hpp"
+#include "cones/math/host_device.hpp"
+#include "cones/math/rank_two.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -7,8 +7,8 @@
 
 #include <cmath>
 
-#include "cones/host_device.hpp"
-#include "cones/svec.hpp"
+#include "cones/math/host_device.hpp"
+#include "cones/math/svec.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -10,7 +10,7 @@
 
 #include <cstddef>
 
-#include "cones/host_device.hpp"
+#include "cones/math/host_device.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
