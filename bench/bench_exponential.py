@@ -2,7 +2,7 @@
 formulas (interior tests, rank-two blocks, zeroed block-diagonal output), and
 the device batch against the host where a GPU and CuPy or PyTorch are present."""
 import numpy as np
-from timing import best_time, gpu_library, report
+from timing import best_time, gpu_arrays, report
 
 from dravik.mirel.cones.cpp import _cpp_cuda as m
 
@@ -50,7 +50,7 @@ def host_section(rng):
 
 
 def device_section(rng):
-    gpu, reason = gpu_library(m)
+    gpu, reason = gpu_arrays(m)
     if gpu is None:
         print(f"exp NT scaling on the device: skipped ({reason})")
         return

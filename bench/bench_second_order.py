@@ -2,7 +2,7 @@
 Jordan-algebra formulas vectorised over the batch with NumPy, and on a GPU
 the columns kernel, the cuBLAS path and the formulas in CuPy or PyTorch."""
 import numpy as np
-from timing import best_time, gpu_library, report
+from timing import best_time, gpu_arrays, report
 
 from dravik.mirel.cones.cpp import _cpp_cuda as m
 
@@ -77,7 +77,7 @@ def host_section(rng):
 
 
 def gpu_section(rng):
-    gpu, reason = gpu_library(m)
+    gpu, reason = gpu_arrays(m)
     if gpu is None:
         print(f"SOC NT scaling GPU section skipped: {reason}")
         return

@@ -3,7 +3,7 @@ results. Needs a CUDA device (the `gpu` fixture skips otherwise)."""
 import numpy as np
 import pytest
 from cone_cases import projected as host_project
-from test_exponential_cone import interior_blocks, sample_blocks
+from samples import interior_blocks, sample_blocks
 
 
 # (n, input offset, output offset) in doubles from 256-byte aligned bases:

@@ -47,7 +47,6 @@ def test_dim_zero_gives_empty_results(m):
     lambda m: m.psd_smat_into(np.zeros(0), np.zeros(1), 2**64 - 1),
     lambda m: m.psd_svec(np.zeros(0), 2**32),
     lambda m: m.PsdConeCpp(2**64 - 1),                                # rows would wrap to 0
-    lambda m: m._jacobi_eigh(np.zeros(0), 2**32),
 ])
 def test_orders_whose_sizes_overflow_are_refused(m, call):
     with pytest.raises(ValueError, match="^PSD matrix order too large: dim \\* dim overflows$"):

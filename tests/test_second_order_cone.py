@@ -5,6 +5,7 @@ import math
 import numpy as np
 import pytest
 from cone_cases import projected, sequential_sum
+from samples import soc_sample
 
 
 def reference_projection(x):
@@ -26,19 +27,11 @@ def assert_same_up_to_threads(actual, expected, dim):
                                atol=0 if dim <= 8192 else 1e-15)
 
 
-def sample(kind, dim, rng):
-    """A vector of the cone ('inside'), of its polar ('polar') or of neither."""
-    x = rng.standard_normal(dim)
-    r = np.linalg.norm(x[1:])
-    x[0] = {"inside": 1.5 * r + 0.1, "polar": -1.5 * r - 0.1, "between": 0.3 * r}[kind]
-    return x
-
-
 @pytest.mark.parametrize("dim", [2, 3, 8192, 8193])
 @pytest.mark.parametrize("kind", ["inside", "polar", "between"])
 def test_projection_violation_membership_match_numpy(m, rng, dim, kind):
     cone = m.SecondOrderConeCpp(dim)
-    x = sample(kind, dim, rng)
+    x = soc_sample(kind, dim, rng)
     out = projected(cone, x)
     expected = reference_projection(x)
     assert_same_up_to_threads(out, expected, dim)

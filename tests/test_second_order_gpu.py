@@ -4,8 +4,7 @@ on the same values. Skipped without a usable GPU and CuPy or PyTorch."""
 import numpy as np
 import pytest
 from cone_cases import projected
-from test_second_order_cone import sample
-from test_second_order_nt_scaling import interior_batch
+from samples import soc_interior_batch, soc_sample
 
 METHODS = ["nt_scaling_matrix_batch_into", "nt_scaling_matrix_batch_custom_into",
            "nt_scaling_matrix_batch_cublas_into"]
@@ -16,7 +15,7 @@ METHODS = ["nt_scaling_matrix_batch_into", "nt_scaling_matrix_batch_custom_into"
 @pytest.mark.parametrize("kind", ["inside", "polar", "between"])
 def test_elementwise_functions_match_host(m, gpu, rng, dim, kind):
     cone = m.SecondOrderConeCpp(dim)
-    x = sample(kind, dim, rng) if dim > 1 else np.array([{"inside": 2.0, "polar": -2.0,
+    x = soc_sample(kind, dim, rng) if dim > 1 else np.array([{"inside": 2.0, "polar": -2.0,
                                                           "between": 0.0}[kind]])
     host = projected(cone, x)
     for in_place in (False, True):
@@ -40,7 +39,7 @@ def test_documented_device_values(m, gpu):
 @pytest.mark.parametrize("batch", [1, 15, 16, 1000])
 def test_nt_scaling_paths_match_host(m, gpu, rng, dim, batch):
     cone = m.SecondOrderConeCpp(dim)
-    s, z = interior_batch(dim, batch, rng)
+    s, z = soc_interior_batch(dim, batch, rng)
     host = np.empty(dim * dim * batch)
     cone.nt_scaling_matrix_batch_into(s, z, host, batch)
     for method in METHODS:

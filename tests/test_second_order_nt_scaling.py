@@ -6,6 +6,7 @@ import math
 import numpy as np
 import pytest
 from cone_cases import assert_batch_matches_items, assert_scaling_fails, scaling_of
+from samples import soc_interior, soc_interior_batch
 
 NOT_INTERIOR = "SOC NT scaling requires strictly interior cone vectors"
 
@@ -71,19 +72,9 @@ def exact_w(s, z):
     return w
 
 
-def interior(n, rng, margin=0.5):
-    x = rng.standard_normal(n)
-    x[0] = np.linalg.norm(x[1:]) * (1 + margin) + 0.1
-    return x
-
-
-def interior_batch(n, batch, rng):
-    return [np.concatenate([interior(n, rng, mg) for _ in range(batch)]) for mg in (0.5, 2.0)]
-
-
 @pytest.mark.parametrize("n", [1, 2, 5, 300])
 def test_matches_dense_formulas_and_maps_s_to_z(m, rng, n):
-    s, z = interior(n, rng), interior(n, rng, margin=3.0)
+    s, z = soc_interior(n, rng), soc_interior(n, rng, margin=3.0)
     w = m.SecondOrderConeCpp(n).nt_scaling_matrix_array(s, z)
     assert w.shape == (n, n)
     np.testing.assert_allclose(w, reference_w(s, z), rtol=1e-11, atol=1e-12)
@@ -92,7 +83,7 @@ def test_matches_dense_formulas_and_maps_s_to_z(m, rng, n):
 
 @pytest.mark.parametrize("n", [1, 2, 3, 5, 6, 9, 40])
 def test_follows_the_documented_evaluation_order(m, rng, n):
-    s, z = interior(n, rng).tolist(), interior(n, rng, margin=3.0).tolist()
+    s, z = soc_interior(n, rng).tolist(), soc_interior(n, rng, margin=3.0).tolist()
     w = scaling_of(m.SecondOrderConeCpp(n), np.array(s), np.array(z))  # every form
     np.testing.assert_array_equal(w, exact_w(s, z).ravel())
 
@@ -109,7 +100,7 @@ def test_documented_examples(m, s, z, expected):
 @pytest.mark.parametrize("method", ["nt_scaling_matrix_batch_into",
                                     "nt_scaling_matrix_batch_custom_into"])
 def test_batch_items_are_the_single_forms(m, rng, method):
-    s, z = interior_batch(6, 5, rng)
+    s, z = soc_interior_batch(6, 5, rng)
     assert_batch_matches_items(m.SecondOrderConeCpp(6), s, z, 5, method)
 
 
@@ -124,7 +115,7 @@ def test_rejects_points_not_strictly_interior(m, s, z):
 def test_batch_failure_keeps_earlier_items_only(m, rng):
     n, batch = 3, 3
     cone = m.SecondOrderConeCpp(n)
-    s, z = interior_batch(n, batch, rng)
+    s, z = soc_interior_batch(n, batch, rng)
     z[n:2 * n] = [5.0, 3.0, 4.0]
     out = np.full(n * n * batch, 7.0)
     with pytest.raises(RuntimeError, match=f"^{NOT_INTERIOR}$"):

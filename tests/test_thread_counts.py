@@ -7,8 +7,8 @@ import math
 
 import numpy as np
 from cone_cases import sequential_sum
-from conftest import run_python
-from test_exponential_cone import interior_blocks, project_reference, violation_reference
+from processes import run_python
+from samples import interior_blocks, project_reference, violation_reference
 
 
 def exp_mixed(rng, blocks):

@@ -42,12 +42,32 @@ public:
     // Exactly the batch of one: same checks, messages and device path.
     void nt_scaling_matrix_into(ReadVector s, ReadVector z, WriteVector output,
                                 uint64_t stream) const {
-        Core::nt_scaling_matrix_batch_into(array_ref(s), array_ref(z), array_ref(output), 1, stream);
+        Core::nt_scaling_matrix_batch_into(array_ref(s), array_ref(z), array_ref(output), 1,
+                                           stream);
     }
     void nt_scaling_matrix_batch_into(ReadVector s, ReadVector z, WriteVector output,
                                       uint64_t batch, uint64_t stream) const {
         Core::nt_scaling_matrix_batch_into(array_ref(s), array_ref(z), array_ref(output), batch,
                                            stream);
+    }
+};
+
+// The cones whose batch NT scaling has a method family add the two forced
+// forms; the core class provides them and the method query.
+template <class Core>
+class BoundNtFamilyCone : public BoundCone<Core> {
+public:
+    using BoundCone<Core>::BoundCone;
+
+    void nt_scaling_matrix_batch_custom_into(ReadVector s, ReadVector z, WriteVector output,
+                                             uint64_t batch, uint64_t stream) const {
+        Core::nt_scaling_matrix_batch_custom_into(array_ref(s), array_ref(z), array_ref(output),
+                                                  batch, stream);
+    }
+    void nt_scaling_matrix_batch_cublas_into(ReadVector s, ReadVector z, WriteVector output,
+                                             uint64_t batch, uint64_t stream) const {
+        Core::nt_scaling_matrix_batch_cublas_into(array_ref(s), array_ref(z), array_ref(output),
+                                                  batch, stream);
     }
 };
 
@@ -81,6 +101,21 @@ void register_nt_scaling_forms(nb::class_<Bound>& cls) {
         .def("nt_scaling_matrix_into", &Bound::nt_scaling_matrix_into, "s"_a.noconvert(),
              "z"_a.noconvert(), "output"_a.noconvert(), "stream"_a = 0)
         .def("nt_scaling_matrix_batch_into", &Bound::nt_scaling_matrix_batch_into,
+             "s"_a.noconvert(), "z"_a.noconvert(), "output"_a.noconvert(), "batch"_a,
+             "stream"_a = 0);
+}
+
+// The method query and the two forced batch forms, registered right after
+// nt_scaling_matrix_batch_into.
+template <class Bound>
+void register_nt_method_family(nb::class_<Bound>& cls) {
+    using namespace nb::literals;
+    cls.def("nt_scaling_matrix_default_method", &Bound::nt_scaling_matrix_default_method,
+            "batch"_a = 1)
+        .def("nt_scaling_matrix_batch_custom_into", &Bound::nt_scaling_matrix_batch_custom_into,
+             "s"_a.noconvert(), "z"_a.noconvert(), "output"_a.noconvert(), "batch"_a,
+             "stream"_a = 0)
+        .def("nt_scaling_matrix_batch_cublas_into", &Bound::nt_scaling_matrix_batch_cublas_into,
              "s"_a.noconvert(), "z"_a.noconvert(), "output"_a.noconvert(), "batch"_a,
              "stream"_a = 0);
 }

@@ -18,7 +18,6 @@ NB_MODULE(_cpp_cuda, m) {
     register_second_order_cone(m);
     register_psd_cone(m);
     register_exponential_cone(m);
-    // The PSD packing functions after the classes, then the internals.
+    // The PSD packing functions after the classes.
     register_psd_functions(m);
-    register_psd_test_hooks(m);
 }

@@ -13,7 +13,5 @@ void register_exponential_cone(nanobind::module_& m);
 void register_second_order_cone(nanobind::module_& m);
 void register_psd_cone(nanobind::module_& m);
 void register_psd_functions(nanobind::module_& m);
-// Underscore-prefixed internals for tests and benchmarks; registered last.
-void register_psd_test_hooks(nanobind::module_& m);
 
 }  // namespace dravik::mirel::cones::cpp

@@ -4,8 +4,9 @@
 #include <limits>
 #include <string>
 
-#include "cones/parallel.hpp"
 #include "cones/math/rank_two.hpp"
+#include "cones/pair_checks.hpp"
+#include "cones/parallel.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -22,7 +23,9 @@ void write_identity_diagonal(double* m, uint64_t n) {
     });
 }
 
-bool positive_entry(double v) { return !(0.0 >= v); }
+std::string not_positive_message(const char* what) {
+    return std::string(what) + " requires strictly positive interior inputs";
+}
 
 }  // namespace
 
@@ -67,22 +70,14 @@ OwnedArray dense_matrix_array(const std::vector<double>& values, uint64_t n, con
 
 std::vector<double> diagonal_ratio_values(const double* a, const double* b, uint64_t n,
                                           const char* what) {
+    require_positive_pairs(a, b, n, not_positive_message(what));
     std::vector<double> m(n * n, 0.0);
-    for (uint64_t i = 0; i < n; ++i) {
-        if (!positive_entry(a[i]) || !positive_entry(b[i])) {
-            fail(std::string(what) + " requires strictly positive interior inputs");
-        }
-        m[i * (n + 1)] = a[i] / b[i];
-    }
+    for (uint64_t i = 0; i < n; ++i) m[i * (n + 1)] = a[i] / b[i];
     return m;
 }
 
 OwnedArray diagonal_ratio_array(const double* a, const double* b, uint64_t n, const char* what) {
-    for (uint64_t i = 0; i < n; ++i) {
-        if (!positive_entry(a[i]) || !positive_entry(b[i])) {
-            fail(std::string(what) + " requires strictly positive interior inputs");
-        }
-    }
+    require_positive_pairs(a, b, n, not_positive_message(what));
     OwnedArray out = make_owned_matrix(n, what);
     double* m = out.data();
     parallel_blocks(n, kDiagonalThreshold, [=](uint64_t begin, uint64_t end) {

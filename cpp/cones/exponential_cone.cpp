@@ -5,7 +5,7 @@
 #include <cmath>
 
 #include "cones/dense.hpp"
-#include "cones/device_call.hpp"
+#include "cones/dispatch.hpp"
 #include "cones/math/exponential.hpp"
 #include "cones/parallel.hpp"
 
@@ -36,6 +36,30 @@ void write_scaling_block(const double* s, const double* z, double* corner, uint6
     }
 }
 
+// Host batch: every block of every item after its interior test, the team
+// splitting the (item, block) pairs p = b * blocks + k. A thread stops at its
+// first non-interior pair and records it; the error is raised after the join.
+void scale_batch_host(const double* sd, const double* zd, double* o, uint64_t blocks,
+                      uint64_t batch) {
+    const uint64_t n = 3 * blocks;
+    std::fill(o, o + n * n * batch, 0.0);
+    std::atomic<bool> failed{false};
+    parallel_blocks(batch * blocks, kExpBlockThreshold, [&](uint64_t begin, uint64_t end) {
+        for (uint64_t p = begin; p < end; ++p) {
+            const uint64_t b = p / blocks;
+            const uint64_t k = p % blocks;
+            const uint64_t offset = b * n + 3 * k;
+            if (!interior_pair(sd + offset, zd + offset)) {
+                failed.store(true, std::memory_order_relaxed);
+                return;
+            }
+            write_scaling_block(sd + offset, zd + offset, o + b * n * n + 3 * k * n + 3 * k, n);
+        }
+    });
+    if (failed.load()) fail_not_interior();
+}
+
+
 }  // namespace
 
 ExponentialConeCpp::ExponentialConeCpp(uint64_t blocks) : blocks_(blocks) {
@@ -48,43 +72,45 @@ void ExponentialConeCpp::project_into(const ArrayRef& input, const ArrayRef& out
     const uint64_t n = rows();
     const InOutViews io = in_out_views(input, output, n);
     const VectorView &in = io.in, &out = io.out;
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        dravik_exp_project_cuda(in.data, out.data, blocks_, in.device_id, as_stream(stream));
-        return;
-    }
-    const double* x = in.data;
-    double* o = out.data;
-    // Each block is read whole before it is written: input may be output.
-    parallel_blocks(blocks_, kExpBlockThreshold, [x, o](uint64_t begin, uint64_t end) {
-        for (uint64_t k = begin; k < end; ++k) {
-            store_exp_block(o + 3 * k, exp_project_block(load_exp_block(x + 3 * k)));
-        }
-    });
+    run_on(
+        in,
+        [&](int device) {
+            dravik_exp_project_cuda(in.data, out.data, blocks_, device, as_stream(stream));
+        },
+        [&] {
+            const double* x = in.data;
+            double* o = out.data;
+            // Each block is read whole before it is written: input may be output.
+            parallel_blocks(blocks_, kExpBlockThreshold, [x, o](uint64_t begin, uint64_t end) {
+                for (uint64_t k = begin; k < end; ++k) {
+                    store_exp_block(o + 3 * k, exp_project_block(load_exp_block(x + 3 * k)));
+                }
+            });
+        });
 }
 
 double ExponentialConeCpp::violation(const ArrayRef& input) const {
     VectorView in = checked_vector_view(input, rows(), "input");
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        return dravik_exp_violation_cuda(in.data, blocks_, in.device_id);
-    }
-    const double* x = in.data;
-    return std::sqrt(parallel_sum(blocks_, kExpBlockThreshold, [x](uint64_t k) {
-        return exp_violation_term(load_exp_block(x + 3 * k));
-    }));
+    return run_on(
+        in, [&](int device) { return dravik_exp_violation_cuda(in.data, blocks_, device); },
+        [&] {
+            const double* x = in.data;
+            return std::sqrt(parallel_sum(blocks_, kExpBlockThreshold, [x](uint64_t k) {
+                return exp_violation_term(load_exp_block(x + 3 * k));
+            }));
+        });
 }
 
 bool ExponentialConeCpp::contains(const ArrayRef& input, double atol) const {
     VectorView in = checked_vector_view(input, rows(), "input");
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        return dravik_exp_contains_cuda(in.data, blocks_, in.device_id, atol);
-    }
-    for (uint64_t k = 0; k < blocks_; ++k) {
-        if (!exp_block_contains(load_exp_block(in.data + 3 * k), atol)) return false;
-    }
-    return true;
+    return run_on(
+        in, [&](int device) { return dravik_exp_contains_cuda(in.data, blocks_, device, atol); },
+        [&] {
+            for (uint64_t k = 0; k < blocks_; ++k) {
+                if (!exp_block_contains(load_exp_block(in.data + 3 * k), atol)) return false;
+            }
+            return true;
+        });
 }
 
 // The dense forms: blocks in order, each after the interior tests of its
@@ -112,8 +138,7 @@ std::vector<double> ExponentialConeCpp::nt_scaling_matrix(const ArrayRef& s,
     return dense_scaling(s, z);
 }
 
-OwnedArray ExponentialConeCpp::nt_scaling_matrix_array(const ArrayRef& s,
-                                                       const ArrayRef& z) const {
+OwnedArray ExponentialConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
     return dense_matrix_array(dense_scaling(s, z), rows(), kScalingLabel);
 }
 
@@ -123,34 +148,14 @@ void ExponentialConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const A
     const uint64_t n = rows();
     const NtBatchViews v = nt_batch_views(s, z, output, n, batch);
     const VectorView &sv = v.s, &zv = v.z, &out = v.out;
-    if (is_cuda(out)) {
-        // The device evaluates the blocks without the interior tests.
-        require_cuda_runtime();
-        dravik_exp_nt_scaling_batch_cuda(sv.data, zv.data, out.data, blocks_, batch,
-                                         out.device_id, as_stream(stream));
-        return;
-    }
-    const double* sd = sv.data;
-    const double* zd = zv.data;
-    double* o = out.data;
-    std::fill(o, o + n * n * batch, 0.0);
-    // Pair p = b * blocks + k. A thread stops at its first non-interior pair
-    // and records it; the error is raised after the join.
-    const uint64_t blocks = blocks_;
-    std::atomic<bool> failed{false};
-    parallel_blocks(batch * blocks, kExpBlockThreshold, [&](uint64_t begin, uint64_t end) {
-        for (uint64_t p = begin; p < end; ++p) {
-            const uint64_t b = p / blocks;
-            const uint64_t k = p % blocks;
-            const uint64_t offset = b * n + 3 * k;
-            if (!interior_pair(sd + offset, zd + offset)) {
-                failed.store(true, std::memory_order_relaxed);
-                return;
-            }
-            write_scaling_block(sd + offset, zd + offset, o + b * n * n + 3 * k * n + 3 * k, n);
-        }
-    });
-    if (failed.load()) fail_not_interior();
+    run_on(
+        out,
+        [&](int device) {
+            // The device evaluates the blocks without the interior tests.
+            dravik_exp_nt_scaling_batch_cuda(sv.data, zv.data, out.data, blocks_, batch, device,
+                                             as_stream(stream));
+        },
+        [&] { scale_batch_host(sv.data, zv.data, out.data, blocks_, batch); });
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -5,8 +5,9 @@
 #include <string>
 
 #include "cones/dense.hpp"
-#include "cones/device_call.hpp"
+#include "cones/dispatch.hpp"
 #include "cones/math/nonnegative.hpp"
+#include "cones/pair_checks.hpp"
 #include "cones/parallel.hpp"
 
 namespace dravik::mirel::cones::cpp {
@@ -14,6 +15,8 @@ namespace dravik::mirel::cones::cpp {
 namespace {
 
 constexpr const char* kScalingLabel = "nonnegative NT scaling";
+constexpr const char* kNotPositive =
+    "nonnegative NT scaling requires strictly positive interior inputs";
 
 // Scan on the calling thread, stopping at the first entry below -atol.
 bool all_above_serial(const double* x, uint64_t n, double atol) {
@@ -37,52 +40,47 @@ bool all_above_team(const double* x, uint64_t n, double atol) {
     return !failed.load(std::memory_order_relaxed);
 }
 
-// The positivity test of the host batch: s[i] <= 0 or z[i] <= 0 fails.
-void require_positive_pairs(const double* s, const double* z, uint64_t n) {
-    for (uint64_t i = 0; i < n; ++i) {
-        if (s[i] <= 0.0 || z[i] <= 0.0) {
-            fail(std::string(kScalingLabel) + " requires strictly positive interior inputs");
-        }
-    }
-}
-
 }  // namespace
 
 void NonnegativeConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
                                       uint64_t stream) const {
     const InOutViews io = in_out_views(input, output, dim_);
     const VectorView &in = io.in, &out = io.out;
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        dravik_nonnegative_project_cuda(in.data, out.data, dim_, in.device_id, as_stream(stream));
-        return;
-    }
-    const double* x = in.data;
-    double* o = out.data;
-    parallel_blocks(dim_, kParallelThreshold, [x, o](uint64_t begin, uint64_t end) {
-        for (uint64_t i = begin; i < end; ++i) o[i] = nonnegative_clip(x[i]);
-    });
+    run_on(
+        in,
+        [&](int device) {
+            dravik_nonnegative_project_cuda(in.data, out.data, dim_, device, as_stream(stream));
+        },
+        [&] {
+            const double* x = in.data;
+            double* o = out.data;
+            parallel_blocks(dim_, kParallelThreshold, [x, o](uint64_t begin, uint64_t end) {
+                for (uint64_t i = begin; i < end; ++i) o[i] = nonnegative_clip(x[i]);
+            });
+        });
 }
 
 double NonnegativeConeCpp::violation(const ArrayRef& input) const {
-    VectorView in = checked_vector_view(input, dim_, "input");
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        return dravik_nonnegative_violation_cuda(in.data, dim_, in.device_id);
-    }
-    const double* x = in.data;
-    return std::sqrt(parallel_sum(dim_, kParallelThreshold,
-                                  [x](uint64_t i) { return nonnegative_violation_term(x[i]); }));
+    const VectorView in = checked_vector_view(input, dim_, "input");
+    return run_on(
+        in, [&](int device) { return dravik_nonnegative_violation_cuda(in.data, dim_, device); },
+        [&] {
+            const double* x = in.data;
+            return std::sqrt(parallel_sum(dim_, kParallelThreshold, [x](uint64_t i) {
+                return nonnegative_violation_term(x[i]);
+            }));
+        });
 }
 
 bool NonnegativeConeCpp::contains(const ArrayRef& input, double atol) const {
-    VectorView in = checked_vector_view(input, dim_, "input");
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        return dravik_nonnegative_contains_cuda(in.data, dim_, in.device_id, atol);
-    }
-    if (dim_ <= kParallelThreshold) return all_above_serial(in.data, dim_, atol);
-    return all_above_team(in.data, dim_, atol);
+    const VectorView in = checked_vector_view(input, dim_, "input");
+    return run_on(
+        in,
+        [&](int device) { return dravik_nonnegative_contains_cuda(in.data, dim_, device, atol); },
+        [&] {
+            if (dim_ <= kParallelThreshold) return all_above_serial(in.data, dim_, atol);
+            return all_above_team(in.data, dim_, atol);
+        });
 }
 
 std::vector<double> NonnegativeConeCpp::nt_scaling_matrix(const ArrayRef& s,
@@ -92,8 +90,7 @@ std::vector<double> NonnegativeConeCpp::nt_scaling_matrix(const ArrayRef& s,
     return diagonal_ratio_values(zv.data, sv.data, dim_, kScalingLabel);
 }
 
-OwnedArray NonnegativeConeCpp::nt_scaling_matrix_array(const ArrayRef& s,
-                                                       const ArrayRef& z) const {
+OwnedArray NonnegativeConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
     const DensePair p = dense_pair_views(s, z, dim_);
     const VectorView &sv = p.s, &zv = p.z;
     return diagonal_ratio_array(zv.data, sv.data, dim_, kScalingLabel);
@@ -105,18 +102,21 @@ void NonnegativeConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const A
     const uint64_t n = dim_;
     const NtBatchViews v = nt_batch_views(s, z, output, n, batch);
     const VectorView &sv = v.s, &zv = v.z, &out = v.out;
-    if (is_cuda(out)) {
-        // The device writes whatever the quotients give; no positivity test.
-        require_cuda_runtime();
-        dravik_nonnegative_nt_scaling_batch_cuda(sv.data, zv.data, out.data, n, batch,
-                                                 out.device_id, as_stream(stream));
-        return;
-    }
-    const double* sd = sv.data;
-    const double* zd = zv.data;
-    require_positive_pairs(sd, zd, n * batch);
-    fill_diagonal_blocks(out.data, n, batch,
-                         [=](uint64_t b, uint64_t k) { return zd[b * n + k] / sd[b * n + k]; });
+    run_on(
+        out,
+        [&](int device) {
+            // The device writes whatever the quotients give; no positivity test.
+            dravik_nonnegative_nt_scaling_batch_cuda(sv.data, zv.data, out.data, n, batch, device,
+                                                     as_stream(stream));
+        },
+        [&] {
+            const double* sd = sv.data;
+            const double* zd = zv.data;
+            require_positive_pairs(sd, zd, n * batch, kNotPositive);
+            fill_diagonal_blocks(out.data, n, batch, [=](uint64_t b, uint64_t k) {
+                return zd[b * n + k] / sd[b * n + k];
+            });
+        });
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <vector>
 
-#include "cones/device_call.hpp"
+#include "cones/dispatch.hpp"
 #include "cones/jacobi.hpp"
 #include "cones/math/svec.hpp"
 
@@ -64,33 +64,35 @@ void PsdConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
                               uint64_t stream) const {
     const InOutViews io = in_out_views(input, output, rows_);
     const VectorView &in = io.in, &out = io.out;
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        require_device_dim(dim_, "CUDA PSD projection currently supports dim=2");
-        dravik_psd2_project_cuda(in.data, out.data, in.device_id, as_stream(stream));
-        return;
-    }
-    psd_project_host(in.data, out.data, dim_);
+    run_on(
+        in,
+        [&](int device) {
+            require_device_dim(dim_, "CUDA PSD projection currently supports dim=2");
+            dravik_psd2_project_cuda(in.data, out.data, device, as_stream(stream));
+        },
+        [&] { psd_project_host(in.data, out.data, dim_); });
 }
 
 double PsdConeCpp::violation(const ArrayRef& input) const {
     VectorView in = checked_vector_view(input, rows_, "input");
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        require_device_dim(dim_, "CUDA PSD violation currently supports dim=2");
-        return dravik_psd2_violation_cuda(in.data, in.device_id);
-    }
-    return psd_violation_host(in.data, dim_);
+    return run_on(
+        in,
+        [&](int device) {
+            require_device_dim(dim_, "CUDA PSD violation currently supports dim=2");
+            return dravik_psd2_violation_cuda(in.data, device);
+        },
+        [&] { return psd_violation_host(in.data, dim_); });
 }
 
 bool PsdConeCpp::contains(const ArrayRef& input, double atol) const {
     VectorView in = checked_vector_view(input, rows_, "input");
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        require_device_dim(dim_, "CUDA PSD membership currently supports dim=2");
-        return dravik_psd2_contains_cuda(in.data, in.device_id, atol);
-    }
-    return atol >= psd_violation_host(in.data, dim_);
+    return run_on(
+        in,
+        [&](int device) {
+            require_device_dim(dim_, "CUDA PSD membership currently supports dim=2");
+            return dravik_psd2_contains_cuda(in.data, device, atol);
+        },
+        [&] { return atol >= psd_violation_host(in.data, dim_); });
 }
 
 }  // namespace dravik::mirel::cones::cpp

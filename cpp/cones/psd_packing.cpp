@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "cones/dense.hpp"
-#include "cones/device_call.hpp"
+#include "cones/dispatch.hpp"
 #include "cones/math/svec.hpp"
 
 namespace dravik::mirel::cones::cpp {
@@ -19,18 +19,17 @@ void pack_from_copy(const double* matrix, uint64_t n, double* x) {
 
 }  // namespace
 
-void psd_svec_into(const ArrayRef& matrix, const ArrayRef& output, uint64_t dim,
-                   uint64_t stream) {
+void psd_svec_into(const ArrayRef& matrix, const ArrayRef& output, uint64_t dim, uint64_t stream) {
     require_psd_order(dim);
     VectorView in = checked_vector_view(matrix, dim * dim, "matrix");
     VectorView out = checked_vector_view(output, svec_length(dim), "output");
     require_same_device(in, out);
-    if (is_cuda(out)) {
-        require_cuda_runtime();
-        dravik_psd_svec_cuda(in.data, out.data, dim, 1, out.device_id, as_stream(stream));
-        return;
-    }
-    pack_from_copy(in.data, dim, out.data);
+    run_on(
+        out,
+        [&](int device) {
+            dravik_psd_svec_cuda(in.data, out.data, dim, 1, device, as_stream(stream));
+        },
+        [&] { pack_from_copy(in.data, dim, out.data); });
 }
 
 void psd_smat_into(const ArrayRef& svec, const ArrayRef& output, uint64_t dim, uint64_t stream) {
@@ -38,13 +37,15 @@ void psd_smat_into(const ArrayRef& svec, const ArrayRef& output, uint64_t dim, u
     VectorView in = checked_vector_view(svec, svec_length(dim), "svec");
     VectorView out = checked_vector_view(output, dim * dim, "output");
     require_same_device(in, out);
-    if (is_cuda(out)) {
-        require_cuda_runtime();
-        dravik_psd_smat_cuda(in.data, out.data, dim, 1, out.device_id, as_stream(stream));
-        return;
-    }
-    std::vector<double> m = smat_unpack(in.data, dim);
-    std::copy(m.begin(), m.end(), out.data);
+    run_on(
+        out,
+        [&](int device) {
+            dravik_psd_smat_cuda(in.data, out.data, dim, 1, device, as_stream(stream));
+        },
+        [&] {
+            std::vector<double> m = smat_unpack(in.data, dim);
+            std::copy(m.begin(), m.end(), out.data);
+        });
 }
 
 OwnedArray psd_svec_array(const ArrayRef& matrix, uint64_t dim) {

@@ -6,6 +6,7 @@
 
 #include "bindings/owned_array.hpp"
 #include "bindings/views.hpp"
+#include "cones/nt_methods.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -35,10 +36,8 @@ public:
                                              uint64_t stream) const;
 
 private:
-    enum class BatchMethod { Default, Custom, Cublas };
-
     void scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output, uint64_t batch,
-                     uint64_t stream, BatchMethod method) const;
+                     uint64_t stream, NtMethod method) const;
 
     uint64_t dim_;
 };

@@ -9,31 +9,38 @@ namespace dravik::mirel::cones::cpp {
 
 namespace {
 
-constexpr const char* kNotInterior = "SOC NT scaling requires strictly interior cone vectors";
-
-void require_interior(const double* v, uint64_t n) {
-    if (!soc_strictly_interior(v[0], soc_tail_sum_sq(v, n), n)) fail(kNotInterior);
+void require_interior(const double* v, uint64_t n, const char* message) {
+    if (!soc_strictly_interior(v[0], soc_tail_sum_sq(v, n), n)) fail(message);
 }
 
-void power_or_fail(const double* x, uint64_t n, double p, double* y) {
-    if (!soc_power(x, n, p, y)) fail(kNotInterior);
+void power_or_fail(const double* x, uint64_t n, double p, double* y, const char* message) {
+    if (!soc_power(x, n, p, y)) fail(message);
+}
+
+uint64_t column_team_threshold(SocColumnThreads threads) {
+    return threads == SocColumnThreads::CallingThread ? UINT64_MAX : kSocColumnTeamFrom - 1;
 }
 
 }  // namespace
 
-SocNtScaling::SocNtScaling(uint64_t n)
-    : n_(n), a_(n), b_(n), u_(n), g_(n),
-      scratch_(2 * kColumnGroup * n *
-               static_cast<uint64_t>(team_size(n, kSocColumnTeamFrom - 1))) {}
+SocNtScaling::SocNtScaling(uint64_t n, const char* not_interior, SocColumnThreads threads)
+    : n_(n),
+      not_interior_(not_interior),
+      team_threshold_(column_team_threshold(threads)),
+      a_(n),
+      b_(n),
+      u_(n),
+      g_(n),
+      scratch_(2 * kColumnGroup * n * static_cast<uint64_t>(team_size(n, team_threshold_))) {}
 
 void SocNtScaling::prepare(const double* s, const double* z) {
-    require_interior(s, n_);
-    require_interior(z, n_);
-    power_or_fail(s, n_, -0.5, a_.data());
-    power_or_fail(s, n_, 0.5, b_.data());
+    require_interior(s, n_, not_interior_);
+    require_interior(z, n_, not_interior_);
+    power_or_fail(s, n_, -0.5, a_.data(), not_interior_);
+    power_or_fail(s, n_, 0.5, b_.data(), not_interior_);
     fa_ = soc_factors_of(a_.data(), n_);
     soc_quad_apply(a_.data(), fa_, z, n_, u_.data());
-    power_or_fail(u_.data(), n_, 0.5, g_.data());
+    power_or_fail(u_.data(), n_, 0.5, g_.data(), not_interior_);
     fb_ = soc_factors_of(b_.data(), n_);
     fg_ = soc_factors_of(g_.data(), n_);
 }
@@ -92,7 +99,7 @@ void SocNtScaling::write(const double* s, const double* z, double* w) {
     prepare(s, z);
     double* scratch = scratch_.data();
     const uint64_t stride = 2 * kColumnGroup * n_;
-    parallel_blocks(n_, kSocColumnTeamFrom - 1, [&](uint64_t begin, uint64_t end) {
+    parallel_blocks(n_, team_threshold_, [&](uint64_t begin, uint64_t end) {
         const uint64_t thread = static_cast<uint64_t>(omp_get_thread_num());
         write_columns(begin, end, scratch + thread * stride, w);
     });

@@ -16,14 +16,23 @@ namespace dravik::mirel::cones::cpp {
 // thread takes it, so W does not depend on the team size.
 constexpr uint64_t kSocColumnTeamFrom = 256;
 
+// The message of the NT scaling forms when s, z or the intermediate u is not
+// strictly interior; the sparse fill passes its own.
+constexpr const char* kSocNtNotInterior = "SOC NT scaling requires strictly interior cone vectors";
+
+// Whether the columns may go to the OpenMP team (from kSocColumnTeamFrom on)
+// or stay on the calling thread whatever n is (the sparse fills).
+enum class SocColumnThreads { TeamForLargeDims, CallingThread };
+
 // The working vectors of one dimension, reused across the items of a batch.
 class SocNtScaling {
 public:
-    explicit SocNtScaling(uint64_t n);
+    explicit SocNtScaling(uint64_t n, const char* not_interior = kSocNtNotInterior,
+                          SocColumnThreads threads = SocColumnThreads::TeamForLargeDims);
 
     // Checks s and z (and the intermediate u) for strict interiority, then
-    // writes the n x n matrix W row-major into w. A failure throws before w
-    // is touched.
+    // writes the n x n matrix W row-major into w. A failure throws the
+    // not-interior message before w is touched.
     void write(const double* s, const double* z, double* w);
 
 private:
@@ -36,10 +45,12 @@ private:
     void write_column_group(uint64_t j0, double* p, double* v, double* w) const;
 
     uint64_t n_;
-    std::vector<double> a_;  // s^-1/2
-    std::vector<double> b_;  // s^1/2
-    std::vector<double> u_;  // P(s^-1/2) z
-    std::vector<double> g_;  // u^1/2
+    const char* not_interior_;
+    uint64_t team_threshold_;  // columns run on one thread up to this n
+    std::vector<double> a_;    // s^-1/2
+    std::vector<double> b_;    // s^1/2
+    std::vector<double> u_;    // P(s^-1/2) z
+    std::vector<double> g_;    // u^1/2
     SocFactors fa_{}, fb_{}, fg_{};
     std::vector<double> scratch_;  // per thread: p and v of one column group
 };

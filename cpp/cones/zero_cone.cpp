@@ -1,10 +1,10 @@
 #include "cones/zero_cone.hpp"
 
-#include <cmath>
 #include <algorithm>
+#include <cmath>
 
 #include "cones/dense.hpp"
-#include "cones/device_call.hpp"
+#include "cones/dispatch.hpp"
 #include "cones/parallel.hpp"
 
 namespace dravik::mirel::cones::cpp {
@@ -29,39 +29,36 @@ void ZeroConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
                                uint64_t stream) const {
     const InOutViews io = in_out_views(input, output, dim_);
     const VectorView &in = io.in, &out = io.out;
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        dravik_zero_project_cuda(in.data, out.data, dim_, in.device_id, as_stream(stream));
-        return;
-    }
-    double* o = out.data;
-    if (dim_ <= kParallelThreshold) {
-        std::fill(o, o + dim_, 0.0);
-        return;
-    }
-    parallel_blocks(dim_, kParallelThreshold,
-                    [o](uint64_t begin, uint64_t end) { std::fill(o + begin, o + end, 0.0); });
+    run_on(
+        in,
+        [&](int device) {
+            dravik_zero_project_cuda(in.data, out.data, dim_, device, as_stream(stream));
+        },
+        [&] {
+            double* o = out.data;
+            parallel_blocks(dim_, kParallelThreshold, [o](uint64_t begin, uint64_t end) {
+                std::fill(o + begin, o + end, 0.0);
+            });
+        });
 }
 
 double ZeroConeCpp::violation(const ArrayRef& input) const {
-    VectorView in = checked_vector_view(input, dim_, "input");
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        return dravik_zero_violation_cuda(in.data, dim_, in.device_id);
-    }
-    return std::sqrt(sum_of_squares(in.data, dim_));
+    const VectorView in = checked_vector_view(input, dim_, "input");
+    return run_on(
+        in, [&](int device) { return dravik_zero_violation_cuda(in.data, dim_, device); },
+        [&] { return std::sqrt(sum_of_squares(in.data, dim_)); });
 }
 
 bool ZeroConeCpp::contains(const ArrayRef& input, double atol) const {
-    VectorView in = checked_vector_view(input, dim_, "input");
-    if (is_cuda(in)) {
-        require_cuda_runtime();
-        return dravik_zero_contains_cuda(in.data, dim_, in.device_id, atol);
-    }
-    for (uint64_t i = 0; i < dim_; ++i) {
-        if (std::fabs(in.data[i]) > atol) return false;
-    }
-    return true;
+    const VectorView in = checked_vector_view(input, dim_, "input");
+    return run_on(
+        in, [&](int device) { return dravik_zero_contains_cuda(in.data, dim_, device, atol); },
+        [&] {
+            for (uint64_t i = 0; i < dim_; ++i) {
+                if (std::fabs(in.data[i]) > atol) return false;
+            }
+            return true;
+        });
 }
 
 std::vector<double> ZeroConeCpp::nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const {
@@ -84,13 +81,15 @@ void ZeroConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef
     const uint64_t n = dim_;
     const NtBatchViews v = nt_batch_views(s, z, output, n, batch);
     const VectorView &sv = v.s, &zv = v.z, &out = v.out;
-    if (is_cuda(out)) {
-        require_cuda_runtime();
-        dravik_zero_nt_scaling_batch_cuda(out.data, n, batch, out.device_id, as_stream(stream));
-        return;
-    }
-    require_zero_pair(sv.data, zv.data, n * batch);
-    fill_diagonal_blocks(out.data, n, batch, [](uint64_t, uint64_t) { return 1.0; });
+    run_on(
+        out,
+        [&](int device) {
+            dravik_zero_nt_scaling_batch_cuda(out.data, n, batch, device, as_stream(stream));
+        },
+        [&] {
+            require_zero_pair(sv.data, zv.data, n * batch);
+            fill_diagonal_blocks(out.data, n, batch, [](uint64_t, uint64_t) { return 1.0; });
+        });
 }
 
 }  // namespace dravik::mirel::cones::cpp

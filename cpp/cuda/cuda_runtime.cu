@@ -9,8 +9,8 @@
 
 #include "cones/math/exponential.hpp"
 #include "cones/math/nonnegative.hpp"
-#include "cones/math/second_order.hpp"
 #include "cones/math/psd2.hpp"
+#include "cones/math/second_order.hpp"
 #include "cuda/block_reduce.cuh"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
@@ -55,21 +55,19 @@ void synchronize() { check_cuda(cudaDeviceSynchronize(), "cudaDeviceSynchronize"
 
 namespace {
 
-constexpr int kModePlain = 3;
-
 __device__ double sum_sq_term(double x, size_t e, int mode) {
     switch (mode) {
-        case 0: return x * x;
-        case 1: return cone::nonnegative_violation_term(x);
-        case 2: return e == 0 ? 0.0 : x * x;
+        case kReduceWhole: return x * x;
+        case kReduceNegative: return cone::nonnegative_violation_term(x);
+        case kReduceSkipHead: return e == 0 ? 0.0 : x * x;
         default: return x;
     }
 }
 
 __device__ double max_term(double x, int mode) {
     switch (mode) {
-        case 0: return fabs(x);
-        case 1: return -x;
+        case kReduceWhole: return fabs(x);
+        case kReduceNegative: return -x;
         default: return x;
     }
 }
@@ -96,35 +94,37 @@ namespace {
 
 // Passes of 256-to-1 reductions until one value is left; the caller's mode
 // applies to the first pass only, later passes combine the partials as-is.
+// Each pass's partials are freed as soon as the next pass has been enqueued.
 template <auto Kernel>
-double reduce_passes(const double* data, size_t count, int mode, const char* name) {
+double reduce_passes(const double* data, size_t count, ReduceMode mode, const char* name) {
     const double* input = data;
-    double* previous = nullptr;
+    DeviceScratch input_partials;
     for (;;) {
         const unsigned blocks = ceil_blocks(count);
-        double* partial = device_alloc(blocks);
-        launch<Kernel>(name, blocks, kThreads, 0, kLegacyStream, input, partial, count, mode);
-        if (previous != nullptr) device_free(previous);
+        DeviceScratch partial(blocks);
+        launch<Kernel>(name, blocks, kThreads, 0, kLegacyStream, input, partial.get(), count,
+                       static_cast<int>(mode));
+        input_partials.release();
         if (blocks == 1) {
-            double value = copy_to_host(partial);
-            device_free(partial);
+            const double value = copy_to_host(partial.get());
+            partial.release();
             synchronize();
             return value;
         }
-        input = partial;
-        previous = partial;
+        input = partial.get();
+        input_partials = std::move(partial);
         count = blocks;
-        mode = kModePlain;
+        mode = kReducePlain;
     }
 }
 
 }  // namespace
 
-double device_sum_sq(const double* data, size_t count, int mode) {
+double device_sum_sq(const double* data, size_t count, ReduceMode mode) {
     return reduce_passes<reduce_sum_sq_kernel>(data, count, mode, "reduce_sum_sq_kernel");
 }
 
-double device_max(const double* data, size_t count, int mode) {
+double device_max(const double* data, size_t count, ReduceMode mode) {
     return reduce_passes<reduce_max_kernel>(data, count, mode, "reduce_max_kernel");
 }
 
@@ -162,8 +162,7 @@ __global__ void exp_project_kernel(const double* x, double* out, size_t m) {
 __global__ void exp_violation_kernel(const double* x, double* partial, size_t m) {
     __shared__ double buffer[kThreads];
     const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
-    const double term =
-        k < m ? cone::exp_violation_term(cone::load_exp_block(x + 3 * k)) : 0.0;
+    const double term = k < m ? cone::exp_violation_term(cone::load_exp_block(x + 3 * k)) : 0.0;
     const double total = block_reduce(term, buffer, AddOp{});
     if (threadIdx.x == 0) partial[blockIdx.x] = sqrt(total);
 }
@@ -185,20 +184,6 @@ namespace {
 
 bool aligned_to(const void* p, uintptr_t bytes) {
     return reinterpret_cast<uintptr_t>(p) % bytes == 0;
-}
-
-// Fills per-block partials of an exponential kernel on the legacy default
-// stream and hands them to `combine`; the partials are freed afterwards.
-template <auto Kernel, class Combine, class... Extra>
-double exp_partials(const char* name, const double* x, size_t m, Combine combine,
-                    Extra... extra) {
-    const unsigned blocks = ceil_blocks(m);
-    double* partial = device_alloc(blocks);
-    launch<Kernel>(name, blocks, kThreads, 0, kLegacyStream, x, partial, m, extra...);
-    const double value = combine(partial, blocks);
-    device_free(partial);
-    synchronize();
-    return value;
 }
 
 }  // namespace
@@ -240,26 +225,30 @@ __global__ void soc_violation_kernel(const double* x, double* partial, size_t di
 
 namespace {
 
-constexpr int kModeSkipHead = 2;
-
 // |x[1..dim-1]| on the legacy default stream (the device is synchronised
 // when it returns); 0 without device work for a one-entry cone.
 double soc_tail_norm(const double* x, size_t dim) {
-    return dim <= 1 ? 0.0 : std::sqrt(device_sum_sq(x, dim, kModeSkipHead));
+    return dim <= 1 ? 0.0 : std::sqrt(device_sum_sq(x, dim, kReduceSkipHead));
 }
 
 }  // namespace
 
+// The partials of the violation kernels are square roots of block sums of
+// squares: squaring and adding them gives the whole sum.
+double sum_of_squared_partials(const double* partial, size_t blocks) {
+    return device_sum_sq(partial, blocks, kReduceWhole);
+}
+
 // Zero and nonnegative cones: the violation is the root of a sum of squares
 // and membership compares atol with a maximum, both under the cone's mode
 // (0 zero, 1 nonnegative); an empty vector needs no device work.
-double elementwise_violation(const double* x, size_t n, int device, int mode) {
+double elementwise_violation(const double* x, size_t n, int device, ReduceMode mode) {
     ensure_device(device);
     if (n == 0) return 0.0;
     return std::sqrt(device_sum_sq(x, n, mode));
 }
 
-bool elementwise_contains(const double* x, size_t n, int device, double atol, int mode) {
+bool elementwise_contains(const double* x, size_t n, int device, double atol, ReduceMode mode) {
     ensure_device(device);
     const double reference = n == 0 ? 0.0 : device_max(x, n, mode);
     return atol >= reference;
@@ -302,11 +291,11 @@ void dravik_zero_project_cuda(const double* /*x*/, double* out, size_t n, int de
 }
 
 double dravik_zero_violation_cuda(const double* x, size_t n, int device) {
-    return elementwise_violation(x, n, device, 0);
+    return elementwise_violation(x, n, device, kReduceWhole);
 }
 
 bool dravik_zero_contains_cuda(const double* x, size_t n, int device, double atol) {
-    return elementwise_contains(x, n, device, atol, 0);
+    return elementwise_contains(x, n, device, atol, kReduceWhole);
 }
 
 void dravik_nonnegative_project_cuda(const double* x, double* out, size_t n, int device,
@@ -315,51 +304,49 @@ void dravik_nonnegative_project_cuda(const double* x, double* out, size_t n, int
     if (n == 0) return;
     if (n % 4 == 0 && aligned_to(x, 32) && aligned_to(out, 32)) {
         const size_t count = n / 4;
-        launch<nonnegative4_kernel>("nonnegative4_kernel", ceil_blocks(count), kThreads, 0, stream,
-                                    reinterpret_cast<const double4_32a*>(x),
-                                    reinterpret_cast<double4_32a*>(out), count);
+        DRAVIK_LAUNCH(nonnegative4_kernel, ceil_blocks(count), kThreads, 0, stream,
+                      reinterpret_cast<const double4_32a*>(x), reinterpret_cast<double4_32a*>(out),
+                      count);
     } else if (n % 2 == 0 && aligned_to(x, 16) && aligned_to(out, 16)) {
         const size_t count = n / 2;
-        launch<nonnegative2_kernel>("nonnegative2_kernel", ceil_blocks(count), kThreads, 0, stream,
-                                    reinterpret_cast<const double2*>(x),
-                                    reinterpret_cast<double2*>(out), count);
+        DRAVIK_LAUNCH(nonnegative2_kernel, ceil_blocks(count), kThreads, 0, stream,
+                      reinterpret_cast<const double2*>(x), reinterpret_cast<double2*>(out), count);
     } else {
-        launch<nonnegative_kernel>("nonnegative_kernel", ceil_blocks(n), kThreads, 0, stream, x,
-                                   out, n);
+        DRAVIK_LAUNCH(nonnegative_kernel, ceil_blocks(n), kThreads, 0, stream, x, out, n);
     }
 }
 
 double dravik_nonnegative_violation_cuda(const double* x, size_t n, int device) {
-    return elementwise_violation(x, n, device, 1);
+    return elementwise_violation(x, n, device, kReduceNegative);
 }
 
 bool dravik_nonnegative_contains_cuda(const double* x, size_t n, int device, double atol) {
-    return elementwise_contains(x, n, device, atol, 1);
+    return elementwise_contains(x, n, device, atol, kReduceNegative);
 }
 
 void dravik_exp_project_cuda(const double* x, double* out, size_t m, int device,
                              cudaStream_t stream) {
     ensure_device(device);
     if (m == 0) return;
-    launch<exp_project_kernel>("exp_project_kernel", ceil_blocks(m), kThreads, 0, stream, x, out,
-                               m);
+    DRAVIK_LAUNCH(exp_project_kernel, ceil_blocks(m), kThreads, 0, stream, x, out, m);
 }
 
 double dravik_exp_violation_cuda(const double* x, size_t m, int device) {
     ensure_device(device);
     if (m == 0) return 0.0;
-    const double sum = exp_partials<exp_violation_kernel>(
-        "exp_violation_kernel", x, m,
-        [](const double* partial, size_t blocks) { return device_sum_sq(partial, blocks, 0); });
+    const double sum = from_block_partials<exp_violation_kernel>("exp_violation_kernel", x, m,
+                                                                 sum_of_squared_partials);
     return std::sqrt(sum);
 }
 
 bool dravik_exp_contains_cuda(const double* x, size_t m, int device, double atol) {
     ensure_device(device);
     if (m == 0) return true;
-    const double worst = exp_partials<exp_contains_kernel>(
+    const double worst = from_block_partials<exp_contains_kernel>(
         "exp_contains_kernel", x, m,
-        [](const double* partial, size_t blocks) { return device_max(partial, blocks, 0); },
+        [](const double* partial, size_t blocks) {
+            return device_max(partial, blocks, kReduceWhole);
+        },
         atol);
     return worst == 0.0;  // a NaN maximum is not contained
 }
@@ -370,22 +357,15 @@ void dravik_soc_project_cuda(const double* x, double* out, size_t dim, int devic
     if (dim == 0) return;
     const double r = soc_tail_norm(x, dim);
     const double head = dim == 1 ? 0.0 : copy_to_host(x);
-    launch<soc_project_kernel>("soc_project_kernel", ceil_blocks(dim), kThreads, 0, stream, x, out,
-                               dim, r, head);
+    DRAVIK_LAUNCH(soc_project_kernel, ceil_blocks(dim), kThreads, 0, stream, x, out, dim, r, head);
 }
 
 double dravik_soc_violation_cuda(const double* x, size_t dim, int device) {
     ensure_device(device);
     if (dim == 0) return 0.0;
     const double r = soc_tail_norm(x, dim);
-    const unsigned blocks = ceil_blocks(dim);
-    double* partial = device_alloc(blocks);
-    launch<soc_violation_kernel>("soc_violation_kernel", blocks, kThreads, 0, kLegacyStream, x,
-                                 partial, dim, r);
-    const double squared = device_sum_sq(partial, blocks, 0);
-    device_free(partial);
-    synchronize();
-    return std::sqrt(squared);
+    return std::sqrt(from_block_partials<soc_violation_kernel>("soc_violation_kernel", x, dim,
+                                                               sum_of_squared_partials, r));
 }
 
 bool dravik_soc_contains_cuda(const double* x, size_t dim, int device, double atol) {
@@ -397,15 +377,15 @@ bool dravik_soc_contains_cuda(const double* x, size_t dim, int device, double at
 
 void dravik_psd2_project_cuda(const double* x, double* out, int device, cudaStream_t stream) {
     ensure_device(device);
-    launch<psd2_project_kernel>("psd2_project_kernel", 1, 1, 0, stream, x, out);
+    DRAVIK_LAUNCH(psd2_project_kernel, 1, 1, 0, stream, x, out);
 }
 
 double dravik_psd2_violation_cuda(const double* x, int device) {
     ensure_device(device);
-    double* result = device_alloc(1);
-    launch<psd2_violation_kernel>("psd2_violation_kernel", 1, 1, 0, kLegacyStream, x, result);
-    const double value = copy_to_host(result);
-    device_free(result);
+    DeviceScratch result(1);
+    DRAVIK_LAUNCH(psd2_violation_kernel, 1, 1, 0, kLegacyStream, x, result.get());
+    const double value = copy_to_host(result.get());
+    result.release();
     synchronize();
     return value;
 }

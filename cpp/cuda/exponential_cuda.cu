@@ -2,8 +2,8 @@
 // (3m) x (3m) matrices, one thread per output entry. Entries inside block k
 // come from the rank-two map taking block k of s onto block k of z (no
 // interior test, no norm check); every other entry is 0.0.
-#include "cones/math/exponential.hpp"
 #include "cones/math/batch_index.hpp"
+#include "cones/math/exponential.hpp"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
 
@@ -35,6 +35,6 @@ extern "C" void dravik_exp_nt_scaling_batch_cuda(const double* s, const double* 
     ensure_device(device);
     const size_t entries = 9 * m * m * batch;
     if (entries == 0) return;
-    launch<exp_nt_scaling_kernel>("exp_nt_scaling_kernel", ceil_blocks(entries), kThreads, 0,
-                                  stream, s, z, out, m, batch);
+    DRAVIK_LAUNCH(exp_nt_scaling_kernel, ceil_blocks(entries), kThreads, 0, stream, s, z, out, m,
+                  batch);
 }

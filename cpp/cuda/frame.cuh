@@ -13,7 +13,7 @@
 
 namespace dravik::cuda {
 
-constexpr unsigned kThreads = 256;             // block size of the cone kernels
+constexpr unsigned kThreads = 256;                               // block size of the cone kernels
 constexpr size_t kBlockReduceBytes = kThreads * sizeof(double);  // 2048-byte shared buffer
 inline const cudaStream_t kLegacyStream = nullptr;
 
@@ -47,14 +47,14 @@ cudaKernel_t kernel_handle(const char* name) {
 
 namespace detail {
 template <class... Params, class... Args>
-void launch_with(cudaKernel_t handle, void (*)(Params...), const char* name, dim3 grid,
-                 dim3 block, size_t shared_bytes, cudaStream_t stream, Args&&... args) {
+void launch_with(cudaKernel_t handle, void (*)(Params...), const char* name, dim3 grid, dim3 block,
+                 size_t shared_bytes, cudaStream_t stream, Args&&... args) {
     std::tuple<Params...> values(std::forward<Args>(args)...);
     std::apply(
         [&](auto&... v) {
             void* argv[] = {static_cast<void*>(&v)..., nullptr};
-            cudaLaunchKernel(reinterpret_cast<const void*>(handle), grid, block, argv,
-                             shared_bytes, stream);
+            cudaLaunchKernel(reinterpret_cast<const void*>(handle), grid, block, argv, shared_bytes,
+                             stream);
         },
         values);
     check_cuda(cudaGetLastError(), name);
@@ -65,22 +65,106 @@ void launch_with(cudaKernel_t handle, void (*)(Params...), const char* name, dim
 template <auto Kernel, class... Args>
 void launch(const char* name, dim3 grid, dim3 block, size_t shared_bytes, cudaStream_t stream,
             Args&&... args) {
-    detail::launch_with(kernel_handle<Kernel>(name), Kernel, name, grid, block, shared_bytes, stream,
-                        std::forward<Args>(args)...);
+    detail::launch_with(kernel_handle<Kernel>(name), Kernel, name, grid, block, shared_bytes,
+                        stream, std::forward<Args>(args)...);
 }
+
+// launch<kernel>("kernel", ...) with the name taken from the kernel itself,
+// so the name in a failure message cannot drift from the kernel launched.
+#define DRAVIK_LAUNCH(kernel, grid, block, shared_bytes, stream, ...) \
+    ::dravik::cuda::launch<kernel>(#kernel, grid, block, shared_bytes, stream, __VA_ARGS__)
 
 // A scratch block of `count` doubles from cudaMalloc (checked as "cudaMalloc").
 double* device_alloc(size_t count);
 void device_free(double* p);  // checked as "cudaFree"
 
+// `count` doubles from cudaMalloc, held for one exported call. release()
+// frees them and reports a failure as "cudaFree"; a block still held when the
+// scope ends (an exception on the way) is freed without a check, since a
+// destructor cannot report.
+class DeviceScratch {
+public:
+    DeviceScratch() = default;  // holds nothing
+    explicit DeviceScratch(size_t count) : data_(device_alloc(count)) {}
+    ~DeviceScratch() {
+        if (data_ != nullptr) cudaFree(data_);
+    }
+    DeviceScratch(DeviceScratch&& other) noexcept : data_(std::exchange(other.data_, nullptr)) {}
+    DeviceScratch& operator=(DeviceScratch&& other) noexcept {
+        std::swap(data_, other.data_);
+        return *this;
+    }
+    DeviceScratch(const DeviceScratch&) = delete;
+    DeviceScratch& operator=(const DeviceScratch&) = delete;
+    double* get() const { return data_; }
+    void release() {
+        if (data_ != nullptr) device_free(std::exchange(data_, nullptr));
+    }
+
+private:
+    double* data_ = nullptr;
+};
+
+// `count` values of T allocated in stream order (cudaMallocAsync on the
+// caller's stream, checked as "cudaMallocAsync"), so nothing waits for the
+// device. release() enqueues cudaFreeAsync on the same stream after the
+// work that uses the block (checked as "cudaFreeAsync"); a block still held
+// when the scope ends is freed on that stream without a check.
+template <class T = double>
+class StreamScratch {
+public:
+    StreamScratch(size_t count, cudaStream_t stream) : stream_(stream) {
+        void* p = nullptr;
+        check_cuda(cudaMallocAsync(&p, count * sizeof(T), stream), "cudaMallocAsync");
+        data_ = static_cast<T*>(p);
+    }
+    ~StreamScratch() {
+        if (data_ != nullptr) cudaFreeAsync(data_, stream_);
+    }
+    StreamScratch(const StreamScratch&) = delete;
+    StreamScratch& operator=(const StreamScratch&) = delete;
+    T* get() const { return data_; }
+    void release() {
+        check_cuda(cudaFreeAsync(std::exchange(data_, nullptr), stream_), "cudaFreeAsync");
+    }
+
+private:
+    T* data_ = nullptr;
+    cudaStream_t stream_;
+};
+
 // Blocking device-to-host copy of one double, checked as "cudaMemcpy".
 double copy_to_host(const double* src);
 void synchronize();  // checked as "cudaDeviceSynchronize"
 
+// What the first pass of a reduction takes of each element x[e]: the sum
+// adds the square of it, the maximum compares the value shown.
+enum ReduceMode : int {
+    kReduceWhole = 0,     // sum: x^2; max: |x| (zero cone)
+    kReduceNegative = 1,  // sum: x^2 where x < 0; max: -x (nonnegative cone)
+    kReduceSkipHead = 2,  // sum only: x^2 except element 0 (second-order tail)
+    kReducePlain = 3,     // sum: x; max: x (later passes combine partials as they are)
+};
+
 // Reductions on the legacy default stream; the value comes back on the host.
-// mode 0: x^2 / |x|; 1: x^2 if x < 0 / -x; 2: x^2 except element 0 (sum
-// only); 3 (and later passes): x / x.
-double device_sum_sq(const double* data, size_t count, int mode);
-double device_max(const double* data, size_t count, int mode);
+double device_sum_sq(const double* data, size_t count, ReduceMode mode);
+double device_max(const double* data, size_t count, ReduceMode mode);
+
+// The scalar functions whose kernel leaves one partial per thread block:
+// enqueues Kernel(x, partial, count, extra...) over ceil(count / 256) blocks
+// on the legacy default stream, hands the partials to `combine` (a second
+// reduction, which copies its result to the host), frees them and waits for
+// the device.
+template <auto Kernel, class Combine, class... Extra>
+double from_block_partials(const char* name, const double* x, size_t count, Combine combine,
+                           Extra... extra) {
+    const unsigned blocks = ceil_blocks(count);
+    DeviceScratch partial(blocks);
+    launch<Kernel>(name, blocks, kThreads, 0, kLegacyStream, x, partial.get(), count, extra...);
+    const double value = combine(partial.get(), blocks);
+    partial.release();
+    synchronize();
+    return value;
+}
 
 }  // namespace dravik::cuda

@@ -29,6 +29,6 @@ extern "C" void dravik_nonnegative_nt_scaling_batch_cuda(const double* s, const 
     ensure_device(device);
     const size_t entries = dim * dim * batch;
     if (entries == 0) return;
-    launch<nonnegative_nt_scaling_kernel>("nonnegative_nt_scaling_kernel", ceil_blocks(entries),
-                                          kThreads, 0, stream, s, z, out, dim, batch);
+    DRAVIK_LAUNCH(nonnegative_nt_scaling_kernel, ceil_blocks(entries), kThreads, 0, stream, s, z,
+                  out, dim, batch);
 }

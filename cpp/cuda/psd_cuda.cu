@@ -36,22 +36,22 @@ using namespace dravik::cuda;
 
 extern "C" {
 
-void dravik_psd_svec_cuda(const double* matrix, double* svec, size_t dim, size_t batch,
-                          int device, cudaStream_t stream) {
+void dravik_psd_svec_cuda(const double* matrix, double* svec, size_t dim, size_t batch, int device,
+                          cudaStream_t stream) {
     ensure_device(device);
     const size_t count = dravik::mirel::cones::cpp::svec_length(dim) * batch;
     if (count == 0) return;
-    launch<psd_svec_kernel>("psd_svec_kernel", ceil_blocks(count, kPsdThreads), kPsdThreads, 0,
-                            stream, matrix, svec, dim, batch);
+    DRAVIK_LAUNCH(psd_svec_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, matrix,
+                  svec, dim, batch);
 }
 
-void dravik_psd_smat_cuda(const double* svec, double* matrix, size_t dim, size_t batch,
-                          int device, cudaStream_t stream) {
+void dravik_psd_smat_cuda(const double* svec, double* matrix, size_t dim, size_t batch, int device,
+                          cudaStream_t stream) {
     ensure_device(device);
     const size_t count = dim * dim * batch;
     if (count == 0) return;
-    launch<psd_smat_kernel>("psd_smat_kernel", ceil_blocks(count, kPsdThreads), kPsdThreads, 0,
-                            stream, svec, matrix, dim, batch);
+    DRAVIK_LAUNCH(psd_smat_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, svec,
+                  matrix, dim, batch);
 }
 
 }  // extern "C"

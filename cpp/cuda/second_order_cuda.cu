@@ -3,16 +3,11 @@
 // system's own kernel or as two strided batched products of the three
 // quadratic-representation factors through cuBLAS. Inputs are not checked
 // for interiority: a point outside the cone yields NaN or infinite entries.
-#include <cublas_v2.h>
-
-#include <mutex>
-#include <stdexcept>
-#include <string>
-
 #include "cones/math/second_order.hpp"
 #include "cuda/block_reduce.cuh"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
+#include "cuda/library_calls.cuh"
 
 namespace dravik::cuda {
 
@@ -115,8 +110,8 @@ __global__ void soc_nt_scaling_columns_kernel(const double* s, const double* z, 
     const double d_bv = block_tail_sum(dim, shared, [&](size_t i) { return c.b(i) * v(i); });
     double* w = out + cone * dim * dim;
     for (size_t i = threadIdx.x; i < dim; i += blockDim.x) {
-        w[i * dim + j] = i == 0 ? soc_quad_head(c.fb, v0, d_bv)
-                                : soc_quad_entry(c.fb, c.b(i), v(i), v0, d_bv);
+        w[i * dim + j] =
+            i == 0 ? soc_quad_head(c.fb, v0, d_bv) : soc_quad_entry(c.fb, c.b(i), v(i), v0, d_bv);
     }
 }
 
@@ -139,84 +134,33 @@ __global__ void soc_cublas_prepare_factors_kernel(const double* s, const double*
 
 namespace {
 
-void check_cublas(cublasStatus_t status, const char* name) {
-    if (status == CUBLAS_STATUS_SUCCESS) return;
-    throw std::runtime_error(std::string(name) + " failed with cuBLAS status " +
-                             std::to_string(static_cast<int>(status)));
-}
-
-// The module's process-wide handle, created once (a failed creation is
-// retried by the next call) in host pointer mode, and never destroyed.
-cublasHandle_t soc_cublas_handle() {
-    static std::once_flag created;
-    static cublasHandle_t handle = nullptr;
-    std::call_once(created, [] {
-        cublasHandle_t h = nullptr;
-        check_cublas(cublasCreate(&h), "cublasCreate");
-        cublasStatus_t mode = cublasSetPointerMode(h, CUBLAS_POINTER_MODE_HOST);
-        if (mode != CUBLAS_STATUS_SUCCESS) cublasDestroy(h);
-        check_cublas(mode, "cublasSetPointerMode");
-        handle = h;
-    });
-    return handle;
-}
-
-// c := x y for every matrix of the batch, all row-major dim x dim. cuBLAS
-// reads column-major, where a row-major matrix is its transpose, so passing
-// y as its A operand and x as its B operand yields (x y)^T column-major,
-// which is x y row-major.
-void batched_product(const double* x, const double* y, double* c, size_t dim, size_t batch,
-                     cudaStream_t stream) {
-    cublasHandle_t handle = soc_cublas_handle();
-    check_cublas(cublasSetStream(handle, stream), "cublasSetStream");
-    const double alpha = 1.0;
-    const double beta = 0.0;
-    const int n = static_cast<int>(dim);
-    const long long stride = static_cast<long long>(dim * dim);
-    check_cublas(cublasDgemmStridedBatched(handle, CUBLAS_OP_N, CUBLAS_OP_N, n, n, n, &alpha, y, n,
-                                           stride, x, n, stride, &beta, c, n, stride,
-                                           static_cast<int>(batch)),
-                 "cublasDgemmStridedBatched");
-}
-
-// One cudaMalloc block, freed (status unchecked) however the call ends.
-class ScratchBuffer {
-public:
-    explicit ScratchBuffer(size_t count) : data_(device_alloc(count)) {}
-    ~ScratchBuffer() { cudaFree(data_); }
-    ScratchBuffer(const ScratchBuffer&) = delete;
-    ScratchBuffer& operator=(const ScratchBuffer&) = delete;
-    double* get() const { return data_; }
-
-private:
-    double* data_;
-};
+// The module's own cuBLAS handle; its failures carry the numeric status.
+CublasHandle soc_cublas_handle(StatusWording::WithStatus);
 
 // F1, F2, F3 and T, allocated in that order; members already built are
 // freed when a later allocation fails, and all four in reverse order on
 // every other exit.
 struct CublasScratch {
     explicit CublasScratch(size_t count) : f1(count), f2(count), f3(count), t(count) {}
-    ScratchBuffer f1, f2, f3, t;
+    DeviceScratch f1, f2, f3, t;
 };
 
 void launch_columns(const double* s, const double* z, double* out, size_t dim, size_t batch,
                     cudaStream_t stream) {
-    launch<soc_nt_scaling_columns_kernel>(
-        "soc_nt_scaling_columns_kernel",
-        dim3(static_cast<unsigned>(batch), static_cast<unsigned>(dim)), kThreads,
-        kBlockReduceBytes, stream, s, z, out, dim);
+    DRAVIK_LAUNCH(soc_nt_scaling_columns_kernel,
+                  dim3(static_cast<unsigned>(batch), static_cast<unsigned>(dim)), kThreads,
+                  kBlockReduceBytes, stream, s, z, out, dim);
 }
 
 void run_cublas(const double* s, const double* z, double* out, size_t dim, size_t batch,
                 cudaStream_t stream) {
     CublasScratch scratch(dim * dim * batch);
-    launch<soc_cublas_prepare_factors_kernel>(
-        "soc_cublas_prepare_factors_kernel", static_cast<unsigned>(batch), kThreads,
-        kBlockReduceBytes, stream, s, z, scratch.f1.get(), scratch.f2.get(), scratch.f3.get(),
-        dim);
-    batched_product(scratch.f1.get(), scratch.f2.get(), scratch.t.get(), dim, batch, stream);
-    batched_product(scratch.t.get(), scratch.f3.get(), out, dim, batch, stream);
+    DRAVIK_LAUNCH(soc_cublas_prepare_factors_kernel, static_cast<unsigned>(batch), kThreads,
+                  kBlockReduceBytes, stream, s, z, scratch.f1.get(), scratch.f2.get(),
+                  scratch.f3.get(), dim);
+    batched_gemm(soc_cublas_handle, scratch.f1.get(), scratch.f2.get(), scratch.t.get(), dim, batch,
+                 stream);
+    batched_gemm(soc_cublas_handle, scratch.t.get(), scratch.f3.get(), out, dim, batch, stream);
 }
 
 bool nothing_to_do(size_t dim, size_t batch) { return dim == 0 || batch == 0; }

@@ -16,11 +16,11 @@ __global__ void zero_nt_scaling_kernel(double* out, size_t dim, size_t batch) {
 
 using namespace dravik::cuda;
 
-extern "C" void dravik_zero_nt_scaling_batch_cuda(double* out, size_t dim, size_t batch,
-                                                  int device, cudaStream_t stream) {
+extern "C" void dravik_zero_nt_scaling_batch_cuda(double* out, size_t dim, size_t batch, int device,
+                                                  cudaStream_t stream) {
     ensure_device(device);
     const size_t entries = dim * dim * batch;
     if (entries == 0) return;
-    launch<zero_nt_scaling_kernel>("zero_nt_scaling_kernel", ceil_blocks(entries), kThreads, 0,
-                                   stream, out, dim, batch);
+    DRAVIK_LAUNCH(zero_nt_scaling_kernel, ceil_blocks(entries), kThreads, 0, stream, out, dim,
+                  batch);
 }
