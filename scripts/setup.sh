@@ -3,14 +3,17 @@
 # nanobind CMake directory on its last line. Safe to re-run; offline when
 # everything is already present.
 #
-#   scripts/setup.sh PYTHON PREFIX
+#   scripts/setup.sh PYTHON PREFIX [MODULE=PACKAGE ...]
 #
 # PYTHON  interpreter to build for (default /usr/bin/python3)
 # PREFIX  project-local, git-ignored folder for nanobind and robin-map
+# MODULE=PACKAGE  extra Python modules a target needs, with the Debian
+#         package that provides each (e.g. matplotlib=python3-matplotlib)
 set -euo pipefail
 
 python=${1:-/usr/bin/python3}
 prefix=${2:-build/deps}
+extras=("${@:3}")
 
 log() { echo "setup: $*" >&2; }
 
@@ -38,6 +41,9 @@ command -v make >/dev/null || missing+=(make)
 has_module numpy || missing+=(python3-numpy)
 has_module pytest || missing+=(python3-pytest)
 has_module scipy || missing+=(python3-scipy)
+for pair in "${extras[@]}"; do
+  has_module "${pair%%=*}" || missing+=("${pair#*=}")
+done
 "$python" -c "import sysconfig,os,sys; sys.exit(not os.path.exists(os.path.join(sysconfig.get_paths()['include'],'Python.h')))" \
   || missing+=(python3-dev)
 if [ ${#missing[@]} -gt 0 ]; then
