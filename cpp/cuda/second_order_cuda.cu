@@ -3,6 +3,7 @@
 // system's own kernel or as two strided batched products of the three
 // quadratic-representation factors through cuBLAS. Inputs are not checked
 // for interiority: a point outside the cone yields NaN or infinite entries.
+#include "cones/math/nt_method_rules.hpp"
 #include "cones/math/second_order.hpp"
 #include "cuda/block_reduce.cuh"
 #include "cuda/dravik_cuda.h"
@@ -19,11 +20,6 @@ using mirel::cones::cpp::soc_quad_head;
 using mirel::cones::cpp::soc_quad_matrix_entry;
 using mirel::cones::cpp::SocFactors;
 using mirel::cones::cpp::SocPowerScalars;
-
-// The default rule: the batched products pay off only for small cones in
-// batches of at least 16.
-constexpr size_t kCublasMaxDim = 32;
-constexpr size_t kCublasMinBatch = 16;
 
 namespace {
 
@@ -194,7 +190,7 @@ void cublas_in_chunks(const double* s, const double* z, double* out, size_t dim,
 }
 
 bool cublas_by_default(size_t dim, size_t batch) {
-    return dim <= kCublasMaxDim && batch >= kCublasMinBatch;
+    return mirel::cones::cpp::soc_nt_scaling_uses_cublas(dim, batch);
 }
 
 }  // namespace
@@ -206,7 +202,7 @@ using namespace dravik::cuda;
 extern "C" {
 
 const char* dravik_soc_nt_scaling_default_method_cuda(size_t dim, size_t batch) {
-    return cublas_by_default(dim, batch) ? "cublas" : "custom";
+    return dravik::mirel::cones::cpp::soc_nt_scaling_default_method(dim, batch);
 }
 
 void dravik_soc_nt_scaling_batch_cuda(const double* s, const double* z, double* out, size_t dim,

@@ -1,9 +1,10 @@
 // _cpp_cuda_test_hooks: a test-only extension, built beside _cpp_cuda by the
 // same project and never shipped with the package. It reaches internals
 // that the module's documented surface does not show: the two Jacobi pivot
-// searches (whose results must agree to the bit) and the 2 x 2 closed forms
-// that the device kernels run, on host arrays. It compiles the host sources
-// it needs with the module's floating-point flags, so the bits are the same.
+// searches (whose results must agree to the bit), the 2 x 2 closed forms
+// that the device kernels run, on host arrays, and the PSD method rule. It
+// compiles the host sources it needs with the module's floating-point flags,
+// so the bits are the same.
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
 
@@ -13,6 +14,7 @@
 
 #include "cones/errors.hpp"
 #include "cones/jacobi.hpp"
+#include "cones/math/nt_method_rules.hpp"
 #include "cones/math/psd2.hpp"
 #include "cones/math/svec.hpp"
 
@@ -75,4 +77,7 @@ NB_MODULE(_cpp_cuda_test_hooks, m) {
             return nb::make_tuple(owned(std::move(out), {3}), cones::psd2_violation(svec.data()));
         },
         "svec"_a.noconvert());
+    // The PSD device method rule, as both builds compile it.
+    m.def("psd_nt_scaling_default_method", &cones::psd_nt_scaling_default_method, "dim"_a,
+          "batch"_a);
 }
