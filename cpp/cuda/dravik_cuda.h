@@ -7,7 +7,15 @@
 #ifndef DRAVIK_CUDA_H
 #define DRAVIK_CUDA_H
 
+/* A build without CUDA (DRAVIK_CPU_ONLY) keeps this whole interface, each
+ * function answering as a machine without a device would. It declares the
+ * stream handle as the runtime does, a pointer to an opaque struct, so the
+ * type is the same and no CUDA header is needed. */
+#ifdef DRAVIK_CPU_ONLY
+typedef struct CUstream_st* cudaStream_t;
+#else
 #include <cuda_runtime_api.h>
+#endif
 #ifndef __cplusplus
 #include <stdbool.h>
 #endif
