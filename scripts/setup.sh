@@ -46,6 +46,23 @@ for pair in "${extras[@]}"; do
 done
 "$python" -c "import sysconfig,os,sys; sys.exit(not os.path.exists(os.path.join(sysconfig.get_paths()['include'],'Python.h')))" \
   || missing+=(python3-dev)
+# apt's python3-* packages land in /usr/lib/python3/dist-packages, which only
+# Debian's own Python reads (and virtual environments made from it with
+# --system-site-packages); for any other Python, installing them cannot help.
+python_packages=()
+lacks=()
+for package in "${missing[@]}"; do
+  case $package in
+    python3-dev) python_packages+=("$package"); lacks+=("its C headers (Python.h)") ;;
+    python3-*) python_packages+=("$package"); lacks+=("${package#python3-}") ;;
+  esac
+done
+if [ ${#python_packages[@]} -gt 0 ] &&
+   ! "$python" -c "import sys; sys.exit('/usr/lib/python3/dist-packages' not in sys.path)" 2>/dev/null; then
+  log "$python lacks ${lacks[*]}; it is not Debian's Python, so apt (${python_packages[*]})"
+  log "cannot add them to it: install them for it (e.g. with its pip), or use PYTHON=/usr/bin/python3"
+  exit 1
+fi
 if [ ${#missing[@]} -gt 0 ]; then
   log "installing ${missing[*]}"
   apt_install "${missing[@]}"
@@ -61,17 +78,15 @@ fi
 nb_dir="$prefix/usr/share/nanobind/cmake"
 if [ ! -f "$nb_dir/nanobind-config.cmake" ] || [ ! -d "$prefix/usr/include/tsl" ]; then
   log "fetching nanobind-dev and robin-map-dev (Debian 13) into $prefix"
-  mkdir -p "$prefix"
-  work=$(mktemp -d)
-  trap 'rm -rf "$work"' EXIT
-  mkdir -p "$work/lists/partial" "$work/cache/archives/partial" "$work/parts" "$work/prefs" "$work/debs"
-  echo "deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] http://deb.debian.org/debian trixie main" \
-    > "$work/sources.list"
-  opts=(-o "Dir::Etc::sourcelist=$work/sources.list" -o "Dir::Etc::sourceparts=$work/parts"
-        -o "Dir::Etc::preferencesparts=$work/prefs" -o "Dir::State::Lists=$work/lists"
-        -o "Dir::Cache=$work/cache" -o Debug::NoLocking=1 -o APT::Get::List-Cleanup=0)
-  apt-get "${opts[@]}" update -qq >&2
-  (cd "$work/debs" && apt-get "${opts[@]}" download nanobind-dev robin-map-dev >&2)
-  for deb in "$work"/debs/*.deb; do dpkg -x "$deb" "$prefix"; done
+  status=0
+  bash "$(dirname "$0")/fetch_trixie.sh" "$prefix" nanobind-dev robin-map-dev || status=$?
+  case $status in
+    0) ;;
+    3) log "no network: nanobind could not be fetched; install nanobind for $python or run once with network"
+       exit 1 ;;
+    4) log "no apt-get here to fetch nanobind with: install nanobind for $python (e.g. with its pip)"
+       exit 1 ;;
+    *) exit "$status" ;;
+  esac
 fi
 echo "$(cd "$nb_dir" && pwd)"
