@@ -12,7 +12,9 @@ void init_numpy() {
     if (_import_array() < 0) throw nb::python_error();
 }
 
-nb::object to_numpy(OwnedArray&& array) {
+bool is_numpy_array(PyObject* object) { return PyArray_Check(object); }
+
+Float64Array to_numpy(OwnedArray&& array) {
     double* block = array.data();
     // Nameless capsule whose destructor frees the block.
     PyObject* owner = PyCapsule_New(block, nullptr, [](PyObject* capsule) {
@@ -34,10 +36,10 @@ nb::object to_numpy(OwnedArray&& array) {
         Py_DECREF(result);
         throw nb::python_error();
     }
-    return nb::steal(result);
+    return nb::steal<Float64Array>(result);
 }
 
-nb::list to_list(const std::vector<double>& values) {
+FloatList to_list(const std::vector<double>& values) {
     PyObject* list = PyList_New(static_cast<Py_ssize_t>(values.size()));
     if (list == nullptr) throw nb::python_error();
     for (size_t i = 0; i < values.size(); ++i) {
@@ -48,7 +50,7 @@ nb::list to_list(const std::vector<double>& values) {
         }
         PyList_SET_ITEM(list, static_cast<Py_ssize_t>(i), item);
     }
-    return nb::steal<nb::list>(list);
+    return nb::steal<FloatList>(list);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -27,12 +27,21 @@ ArrayRef array_ref(const Array& a) {
 
 // Loads NumPy's C interface; called once by the module entry.
 void init_numpy();
+bool is_numpy_array(PyObject* object);
+
+// The two result types, named as they are in signatures and the type stub:
+// a NumPy float64 array, and a list of floats.
+class Float64Array : public nb::object {
+    NB_OBJECT_DEFAULT(Float64Array, nb::object, "numpy.typing.NDArray[numpy.float64]",
+                      is_numpy_array)
+};
+using FloatList = nb::typed<nb::list, double>;
 
 // Hands the block to NumPy without a copy: a new array over the block whose
 // base is a nameless capsule that frees the block when the array dies.
-nb::object to_numpy(OwnedArray&& array);
+Float64Array to_numpy(OwnedArray&& array);
 
 // A new list filled element by element with new float objects.
-nb::list to_list(const std::vector<double>& values);
+FloatList to_list(const std::vector<double>& values);
 
 }  // namespace dravik::mirel::cones::cpp

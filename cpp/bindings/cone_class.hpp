@@ -23,20 +23,20 @@ public:
         return Core::contains(array_ref(input), atol);
     }
 
-    nb::list unit_vector(uint64_t index) const {
+    FloatList unit_vector(uint64_t index) const {
         return to_list(UnitVectors::list(this->rows(), index));
     }
-    nb::object unit_vector_array(uint64_t index) const {
+    Float64Array unit_vector_array(uint64_t index) const {
         return to_numpy(UnitVectors::array(this->rows(), index));
     }
     void unit_vector_into(uint64_t index, WriteVector output) const {
         UnitVectors::into(this->rows(), index, array_ref(output));
     }
 
-    nb::list nt_scaling_matrix(ReadVector s, ReadVector z) const {
+    FloatList nt_scaling_matrix(ReadVector s, ReadVector z) const {
         return to_list(Core::nt_scaling_matrix(array_ref(s), array_ref(z)));
     }
-    nb::object nt_scaling_matrix_array(ReadVector s, ReadVector z) const {
+    Float64Array nt_scaling_matrix_array(ReadVector s, ReadVector z) const {
         return to_numpy(Core::nt_scaling_matrix_array(array_ref(s), array_ref(z)));
     }
     // Exactly the batch of one: same checks, messages and device path.
