@@ -35,6 +35,17 @@ void scale_order_two(const double* s, const double* z, double* out, uint64_t bat
 
 }  // namespace
 
+void psd_nt_operator_from_w(const double* w, uint64_t n, double* h) {
+    const uint64_t rows = svec_length(n);
+    std::vector<SvecPosition> at(rows);
+    for (uint64_t k = 0; k < rows; ++k) at[k] = svec_position(k);
+    for (uint64_t r = 0; r < rows; ++r) {
+        for (uint64_t c = 0; c < rows; ++c) {
+            h[r * rows + c] = psd_nt_operator_entry_at(w, n, at[r], at[c]);
+        }
+    }
+}
+
 std::vector<double> psd_matrix_power(const std::vector<double>& a, uint64_t n, const char* prefix,
                                      double p) {
     std::vector<double> work(a);
@@ -77,14 +88,8 @@ std::vector<double> psd_nt_w(const double* s, const double* z, uint64_t n) {
 std::vector<double> psd_nt_operator(const double* s, const double* z, uint64_t n) {
     const std::vector<double> w = psd_nt_w(s, z, n);
     const uint64_t rows = svec_length(n);
-    std::vector<SvecPosition> at(rows);
-    for (uint64_t k = 0; k < rows; ++k) at[k] = svec_position(k);
     std::vector<double> h(rows * rows);
-    for (uint64_t r = 0; r < rows; ++r) {
-        for (uint64_t c = 0; c < rows; ++c) {
-            h[r * rows + c] = psd_nt_operator_entry_at(w.data(), n, at[r], at[c]);
-        }
-    }
+    psd_nt_operator_from_w(w.data(), n, h.data());
     return h;
 }
 
@@ -93,10 +98,12 @@ void psd_nt_scaling_batch_host(const double* s, const double* z, double* out, ui
     if (batch == 0) return;
     if (n == 1) return scale_order_one(s, z, out, batch);
     if (n == 2) return scale_order_two(s, z, out, batch);
+    // H_b = psd_nt_operator(s_b, z_b), written in place: W is complete (or
+    // has raised) before the first entry of the block is written.
     const uint64_t rows = svec_length(n);
     for (uint64_t b = 0; b < batch; ++b) {
-        const std::vector<double> h = psd_nt_operator(s + b * rows, z + b * rows, n);
-        std::copy(h.begin(), h.end(), out + b * rows * rows);
+        const std::vector<double> w = psd_nt_w(s + b * rows, z + b * rows, n);
+        psd_nt_operator_from_w(w.data(), n, out + b * rows * rows);
     }
 }
 
