@@ -30,9 +30,12 @@ def test_registration_order(m):
     assert names[-4:] == ["psd_smat", "psd_svec", "psd_smat_into", "psd_svec_into"]
     basics = ["dim", "rows", "project_into", "violation", "contains", "unit_vector",
               "unit_vector_array", "unit_vector_into"]
-    for cls, extra in ((m.PsdConeCpp, []), (m.ZeroConeCpp, [
-            "nt_scaling_matrix", "nt_scaling_matrix_array", "nt_scaling_matrix_into",
-            "nt_scaling_matrix_batch_into"])):
+    nt = ["nt_scaling_matrix", "nt_scaling_matrix_array", "nt_scaling_matrix_into",
+          "nt_scaling_matrix_batch_into"]
+    family = ["nt_scaling_matrix_default_method", "nt_scaling_matrix_batch_custom_into",
+              "nt_scaling_matrix_batch_cublas_into"]
+    for cls, extra in ((m.ZeroConeCpp, nt), (m.SecondOrderConeCpp, nt + family),
+                       (m.PsdConeCpp, nt + family)):
         assert [n for n in vars(cls) if not n.startswith("_")] == basics + extra
 
 
@@ -118,6 +121,8 @@ def test_only_the_entry_and_the_device_interface_are_exported(m):
     for family in ("zero", "nonnegative", "exp"):
         for operation in ("project", "violation", "contains", "nt_scaling_batch"):
             assert hasattr(library, f"dravik_{family}_{operation}_cuda")
+    for operation in ("default_method", "batch", "batch_custom", "batch_cublas", "w"):
+        assert hasattr(library, f"dravik_psd_nt_scaling_{operation}_cuda")
     assert hasattr(library, "dravik_cuda_available")
     nm = shutil.which("nm")
     if nm is None:
