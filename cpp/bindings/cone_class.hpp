@@ -54,9 +54,9 @@ public:
     void hmatrix_csr_values_into(ReadVector s, ReadVector z, IndexVector indptr,
                                  IndexVector indices, WriteVector values, uint64_t row_offset,
                                  uint64_t stream) const {
-        Core::hmatrix_values_into(SparseLayout::Csr,
-                                  {array_ref(s), array_ref(z), array_ref(indptr), array_ref(indices),
-                                   array_ref(values), row_offset, stream});
+        Core::hmatrix_values_into(
+            SparseLayout::Csr, {array_ref(s), array_ref(z), array_ref(indptr), array_ref(indices),
+                                array_ref(values), row_offset, stream});
     }
     void hmatrix_coo_values_into(ReadVector s, ReadVector z, IndexVector row_indices,
                                  IndexVector col_indices, WriteVector values, uint64_t row_offset,

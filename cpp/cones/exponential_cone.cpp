@@ -174,8 +174,7 @@ void ExponentialConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const A
 // anything is written; entries coupling two blocks are 0.0.
 void ExponentialConeCpp::hmatrix_values_into(SparseLayout layout,
                                              const SparseFillArgs& args) const {
-    fill_hmatrix(layout, args, rows(), rows(), kExpDeviceFills, [this](const double* s,
-                                                                       const double* z) {
+    auto prepare = [this](const double* s, const double* z) {
         std::vector<double> blocks(9 * blocks_);
         for (uint64_t k = 0; k < blocks_; ++k) {
             const double* sk = s + 3 * k;
@@ -191,7 +190,8 @@ void ExponentialConeCpp::hmatrix_values_into(SparseLayout layout,
         return [blocks = std::move(blocks)](uint64_t i, uint64_t j) {
             return i / 3 == j / 3 ? blocks[9 * (i / 3) + 3 * (i % 3) + j % 3] : 0.0;
         };
-    });
+    };
+    fill_hmatrix(layout, args, rows(), rows(), kExpDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

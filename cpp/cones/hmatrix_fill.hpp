@@ -110,8 +110,8 @@ void fill_hmatrix(SparseLayout layout, const SparseFillArgs& args, uint64_t rows
                                             args.row_offset, ordinal, as_stream(args.stream));
         },
         [&] {
-            const auto h = prepare(static_cast<const double*>(v.s.data),
-                                   static_cast<const double*>(v.z.data));
+            const auto h =
+                prepare(static_cast<const double*>(v.s.data), static_cast<const double*>(v.z.data));
             if (csr) {
                 fill_csr(v, rows, args.row_offset, h);
             } else {

@@ -18,7 +18,8 @@ namespace {
 constexpr const char* kScalingLabel = "nonnegative NT scaling";
 constexpr const char* kNotPositive =
     "nonnegative NT scaling requires strictly positive interior inputs";
-constexpr const char* kFillNotPositive = "nonnegative sparse H fill requires strictly positive inputs";
+constexpr const char* kFillNotPositive =
+    "nonnegative sparse H fill requires strictly positive inputs";
 
 constexpr HmatrixDeviceFills kNonnegativeDeviceFills{dravik_nonnegative_hmatrix_csr_cuda,
                                                      dravik_nonnegative_hmatrix_coo_cuda};
@@ -126,11 +127,11 @@ void NonnegativeConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const A
 
 void NonnegativeConeCpp::hmatrix_values_into(SparseLayout layout,
                                              const SparseFillArgs& args) const {
-    fill_hmatrix(layout, args, dim_, dim_, kNonnegativeDeviceFills,
-                 [this](const double* s, const double* z) {
-                     require_positive_pairs(s, z, dim_, kFillNotPositive);
-                     return HmatrixDirect{kHmatrixNonnegative, s, z};
-                 });
+    auto prepare = [this](const double* s, const double* z) {
+        require_positive_pairs(s, z, dim_, kFillNotPositive);
+        return HmatrixDirect{kHmatrixNonnegative, s, z};
+    };
+    fill_hmatrix(layout, args, dim_, dim_, kNonnegativeDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

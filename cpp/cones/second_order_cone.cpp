@@ -148,7 +148,7 @@ void SecondOrderConeCpp::scale_batch(const ArrayRef& s, const ArrayRef& z, const
 // fill's own message.
 void SecondOrderConeCpp::hmatrix_values_into(SparseLayout layout,
                                              const SparseFillArgs& args) const {
-    fill_hmatrix(layout, args, dim_, dim_, kSocDeviceFills, [this](const double* s, const double* z) {
+    auto prepare = [this](const double* s, const double* z) {
         SocNtScaling scaling(dim_, "SOC sparse H fill requires strictly interior cone vectors",
                              SocColumnThreads::CallingThread);
         std::vector<double> w(dim_ * dim_);
@@ -156,7 +156,8 @@ void SecondOrderConeCpp::hmatrix_values_into(SparseLayout layout,
         return [w = std::move(w), n = dim_](uint64_t i, uint64_t j) {
             return HmatrixDense{w.data(), n}(i, j);
         };
-    });
+    };
+    fill_hmatrix(layout, args, dim_, dim_, kSocDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

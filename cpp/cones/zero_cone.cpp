@@ -116,10 +116,11 @@ void ZeroConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef
 }
 
 void ZeroConeCpp::hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const {
-    fill_hmatrix(layout, args, dim_, dim_, kZeroDeviceFills, [this](const double* s, const double* z) {
+    auto prepare = [this](const double* s, const double* z) {
         require_pairs(s, z, dim_, exactly_zero, kFillNotZero);
         return HmatrixDirect{kHmatrixZero, nullptr, nullptr};
-    });
+    };
+    fill_hmatrix(layout, args, dim_, dim_, kZeroDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -111,8 +111,7 @@ void direct_coo(int kind, const double* s, const double* z, const int64_t* row_i
 // (stream-ordered, released right after the gather is enqueued).
 template <class Build>
 void dense_gather(Layout layout, Build build, const int64_t* first, const int64_t* second,
-                  double* values, size_t nnz, size_t rows, size_t row_offset,
-                  cudaStream_t stream) {
+                  double* values, size_t nnz, size_t rows, size_t row_offset, cudaStream_t stream) {
     StreamScratch<double> block(rows * rows, stream);
     build(block.get());
     if (layout == Layout::Csr) {
@@ -168,8 +167,8 @@ void dravik_nonnegative_hmatrix_csr_cuda(const double* s, const double* z, const
 
 void dravik_nonnegative_hmatrix_coo_cuda(const double* s, const double* z,
                                          const int64_t* row_indices, const int64_t* col_indices,
-                                         double* values, size_t nnz, size_t dim,
-                                         size_t row_offset, int device, cudaStream_t stream) {
+                                         double* values, size_t nnz, size_t dim, size_t row_offset,
+                                         int device, cudaStream_t stream) {
     direct_coo(kHmatrixNonnegative, s, z, row_indices, col_indices, values, nnz, dim, row_offset,
                device, stream);
 }
@@ -182,8 +181,8 @@ void dravik_exp_hmatrix_csr_cuda(const double* s, const double* z, const int64_t
 }
 
 void dravik_exp_hmatrix_coo_cuda(const double* s, const double* z, const int64_t* row_indices,
-                                 const int64_t* col_indices, double* values, size_t nnz,
-                                 size_t dim, size_t row_offset, int device, cudaStream_t stream) {
+                                 const int64_t* col_indices, double* values, size_t nnz, size_t dim,
+                                 size_t row_offset, int device, cudaStream_t stream) {
     direct_coo(kHmatrixExponential, s, z, row_indices, col_indices, values, nnz, dim, row_offset,
                device, stream);
 }
@@ -195,9 +194,10 @@ void dravik_soc_hmatrix_csr_cuda(const double* s, const double* z, const int64_t
 }
 
 void dravik_soc_hmatrix_coo_cuda(const double* s, const double* z, const int64_t* row_indices,
-                                 const int64_t* col_indices, double* values, size_t nnz,
-                                 size_t dim, size_t row_offset, int device, cudaStream_t stream) {
-    soc_fill(Layout::Coo, s, z, row_indices, col_indices, values, nnz, dim, row_offset, device, stream);
+                                 const int64_t* col_indices, double* values, size_t nnz, size_t dim,
+                                 size_t row_offset, int device, cudaStream_t stream) {
+    soc_fill(Layout::Coo, s, z, row_indices, col_indices, values, nnz, dim, row_offset, device,
+             stream);
 }
 
 }  // extern "C"

@@ -106,9 +106,9 @@ DRAVIK_HD void hmatrix_coo_entries_guarded(const int64_t* row_indices, const int
         const int64_t r = row_indices[p];
         if (!hmatrix_in_block(r, row_offset, rows)) continue;
         const int64_t c = col_indices[p];
-        values[p] = hmatrix_in_block(c, row_offset, rows)
-                        ? h(static_cast<size_t>(r) - row_offset, static_cast<size_t>(c) - row_offset)
-                        : 0.0;
+        const size_t i = static_cast<size_t>(r) - row_offset;
+        const size_t j = static_cast<size_t>(c) - row_offset;
+        values[p] = hmatrix_in_block(c, row_offset, rows) ? h(i, j) : 0.0;
     }
 }
 
