@@ -35,7 +35,8 @@ def test_registration_order(m):
     family = ["nt_scaling_matrix_default_method", "nt_scaling_matrix_batch_custom_into",
               "nt_scaling_matrix_batch_cublas_into"]
     fills = ["hmatrix_csr_values_into", "hmatrix_coo_values_into"]
-    for cls, methods in ((m.PsdConeCpp, basics), (m.ZeroConeCpp, basics + nt + fills),
+    for cls, methods in ((m.PsdConeCpp, basics + nt + family),
+                         (m.ZeroConeCpp, basics + nt + fills),
                          (m.NonnegativeConeCpp, basics + nt + fills),
                          (m.SecondOrderConeCpp, basics + nt + family + fills),
                          (m.ExponentialConeCpp, basics + nt + fills)):
@@ -127,6 +128,8 @@ def test_only_the_entry_and_the_device_interface_are_exported(m):
     for family in ("zero", "nonnegative", "soc", "exp"):
         for layout in ("csr", "coo"):
             assert hasattr(library, f"dravik_{family}_hmatrix_{layout}_cuda")
+    for operation in ("default_method", "batch", "batch_custom", "batch_cublas", "w"):
+        assert hasattr(library, f"dravik_psd_nt_scaling_{operation}_cuda")
     assert hasattr(library, "dravik_cuda_available")
     nm = shutil.which("nm")
     if nm is None:

@@ -137,6 +137,29 @@ DRAVIK_CUDA_API void dravik_psd_svec_cuda(const double* matrix, double* svec, si
 DRAVIK_CUDA_API void dravik_psd_smat_cuda(const double* svec, double* matrix, size_t dim,
                                           size_t batch, int device, cudaStream_t stream);
 
+/* PSD NT scaling of `batch` svec pairs (s, z) of dim (dim + 1) / 2 entries
+ * each, dim being the matrix order. The method the batch function picks for
+ * (dim, batch), "analytic", "custom" or "cublas" (pure, needs no device);
+ * the batch of H blocks (rows x rows, rows = dim (dim + 1) / 2) by that
+ * method, forced onto the custom kernels (dim <= 32) or onto the cuBLAS and
+ * cuSOLVER path (dim <= 128); and the W blocks (dim x dim, dim 3 to 128)
+ * that the PSD Hessian fills gather from. A block whose s or z is not
+ * positive definite comes out NaN throughout (dim 1: z / s only when both
+ * are positive). */
+DRAVIK_CUDA_API const char* dravik_psd_nt_scaling_default_method_cuda(size_t dim, size_t batch);
+DRAVIK_CUDA_API void dravik_psd_nt_scaling_batch_cuda(const double* s, const double* z, double* out,
+                                                      size_t dim, size_t batch, int device,
+                                                      cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_psd_nt_scaling_batch_custom_cuda(const double* s, const double* z,
+                                                             double* out, size_t dim, size_t batch,
+                                                             int device, cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_psd_nt_scaling_w_cuda(const double* s, const double* z, double* w,
+                                                  size_t dim, size_t batch, int device,
+                                                  cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_psd_nt_scaling_batch_cublas_cuda(const double* s, const double* z,
+                                                             double* out, size_t dim, size_t batch,
+                                                             int device, cudaStream_t stream);
+
 #ifdef __cplusplus
 }
 #endif
