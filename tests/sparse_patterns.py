@@ -6,7 +6,11 @@ import numpy as np
 import scipy.sparse as sp
 from samples import interior_blocks, soc_interior
 
-KINDS = ["zero", "nonnegative", "second-order", "exponential"]
+KINDS = ["zero", "nonnegative", "second-order", "exponential", "psd"]
+# (kind, PSD matrix order): every cone once, and the PSD orders on both sides
+# of the device's switch from the dense gather (1, 2) to the W gather (3 on).
+CONES = [(kind, 3) for kind in KINDS[:-1]] + [("psd", n) for n in (1, 2, 3, 5, 9)]
+CONE_IDS = [kind if kind != "psd" else f"psd{n}" for kind, n in CONES]
 LAYOUTS = ["csr", "coo"]
 PATTERNS = ["block", "partial", "wide"]
 

@@ -9,8 +9,10 @@ import pytest
 import scipy.sparse as sp
 from cone_cases import MARK, RUNTIME, SAME_IN, SAME_OUT
 from fake_dlpack import CUDA, CUDA_HOST, CUDA_MANAGED, FakeDeviceArray
-from sparse_patterns import (KINDS, LAYOUTS, MALFORMED, PATTERNS, dense_h, device_rule,
-                             expected_fill, fill, fill_point, index_arrays, pattern)
+
+from dravik.mirel.cones.cpp import _cpp_cuda
+from sparse_patterns import (CONE_IDS, CONES, KINDS, LAYOUTS, MALFORMED, PATTERNS, dense_h,
+                             device_rule, expected_fill, fill, fill_point, index_arrays, pattern)
 
 I64 = np.int64
 
@@ -18,9 +20,9 @@ I64 = np.int64
 @pytest.mark.parametrize("offset", [0, 3])
 @pytest.mark.parametrize("shape", PATTERNS)
 @pytest.mark.parametrize("layout", LAYOUTS)
-@pytest.mark.parametrize("kind", KINDS)
-def test_fill_writes_the_block_and_leaves_other_rows(m, rng, kind, layout, shape, offset):
-    cone, s, z = fill_point(m, kind, rng)
+@pytest.mark.parametrize("kind, order", CONES, ids=CONE_IDS)
+def test_fill_writes_the_block_and_leaves_other_rows(m, rng, kind, order, layout, shape, offset):
+    cone, s, z = fill_point(m, kind, rng, order)
     size = offset + cone.rows + 2
     first, second, rows_of, cols_of = index_arrays(
         layout, pattern(shape, size, offset, cone.rows, rng), rng)
@@ -56,6 +58,15 @@ def test_cones_at_different_offsets_share_one_matrix(m, rng, layout):
         hs[1:offsets[-1], 1:offsets[-1]] = sp.block_diag([dense_h(*p) for p in points]).toarray()
         cone_rows = slice(1, offsets[-1])
         np.testing.assert_array_equal(got[cone_rows], np.where(dense, hs, 0.0)[cone_rows])
+
+
+def test_documented_psd_example(m):
+    # W = diag(2, 3): H = diag(4, 6, 9), the off-diagonal pattern entries 0.0.
+    values = np.full(9, MARK)
+    m.PsdConeCpp(2).hmatrix_coo_values_into(np.array([1.0, 0.0, 1.0]), np.array([4.0, 0.0, 9.0]),
+                                            np.repeat(np.arange(3, dtype=I64), 3),
+                                            np.tile(np.arange(3, dtype=I64), 3), values)
+    assert values.tolist() == [4.0, 0.0, 0.0, 0.0, 6.0, 0.0, 0.0, 0.0, 9.0]
 
 
 def test_documented_nonnegative_example(m):
@@ -167,6 +178,7 @@ ZERO = "zero-cone sparse H fill requires zero primal and dual inputs"
 NONNEG = "nonnegative sparse H fill requires strictly positive inputs"
 SOC = "SOC sparse H fill requires strictly interior cone vectors"
 EXP = "exponential sparse H fill requires strictly interior inputs"
+PSD = "PSD NT scaling requires strictly positive definite matrices"  # all orders: general path
 
 
 @pytest.mark.parametrize("cls, arg, s, z, message", [
@@ -182,6 +194,10 @@ EXP = "exponential sparse H fill requires strictly interior inputs"
     ("ExponentialConeCpp", 1, [0.0, 1.0, 1.0], [0.0, 1.0, 2.0], EXP),   # z = y exp(x / y)
     ("ExponentialConeCpp", 1, [0.0, 1.0, 2.0], [1000.0, 1.0, 1e308], EXP),  # exp overflows
     ("ExponentialConeCpp", 2, [0.0, 1.0, 2.0, 0.0, 1.0, np.nan], [0.0, 1.0, 2.0] * 2, EXP),
+    ("PsdConeCpp", 1, [0.0], [1.0], PSD),
+    ("PsdConeCpp", 2, [1.0, 0.0, 0.0], [1.0, 0.0, 1.0], PSD),         # S singular
+    ("PsdConeCpp", 2, [1.0, 0.0, 1.0], [1.0, 0.0, -1.0], PSD),        # Z indefinite
+    ("PsdConeCpp", 3, [1.0, 0.0, 1.0, 0.0, 0.0, -2.0], [1.0, 0.0, 1.0, 0.0, 0.0, 1.0], PSD),
 ])
 @pytest.mark.parametrize("layout", LAYOUTS)
 def test_inputs_outside_the_domain_fail_before_any_write(m, layout, cls, arg, s, z, message):
@@ -297,10 +313,10 @@ def hmatrix_check_cases(r, layout):
 
 def _check_params():
     cones = {"ZeroConeCpp": 3, "NonnegativeConeCpp": 3, "SecondOrderConeCpp": 3,
-             "ExponentialConeCpp": 1}
+             "ExponentialConeCpp": 1, "PsdConeCpp": 2}
     for cls, arg in cones.items():
         for layout in LAYOUTS:
-            rows = 3 * arg if cls == "ExponentialConeCpp" else arg
+            rows = getattr(_cpp_cuda, cls)(arg).rows
             for i, (args, message) in enumerate(hmatrix_check_cases(rows, layout)):
                 yield pytest.param(cls, arg, layout, args, message, id=f"{cls}-{layout}-{i}")
 

@@ -35,7 +35,7 @@ def test_registration_order(m):
     family = ["nt_scaling_matrix_default_method", "nt_scaling_matrix_batch_custom_into",
               "nt_scaling_matrix_batch_cublas_into"]
     fills = ["hmatrix_csr_values_into", "hmatrix_coo_values_into"]
-    for cls, methods in ((m.PsdConeCpp, basics + nt + family),
+    for cls, methods in ((m.PsdConeCpp, basics + nt + family + fills),
                          (m.ZeroConeCpp, basics + nt + fills),
                          (m.NonnegativeConeCpp, basics + nt + fills),
                          (m.SecondOrderConeCpp, basics + nt + family + fills),
@@ -125,7 +125,7 @@ def test_only_the_entry_and_the_device_interface_are_exported(m):
     for family in ("zero", "nonnegative", "exp"):
         for operation in ("project", "violation", "contains", "nt_scaling_batch"):
             assert hasattr(library, f"dravik_{family}_{operation}_cuda")
-    for family in ("zero", "nonnegative", "soc", "exp"):
+    for family in ("zero", "nonnegative", "soc", "exp", "psd"):
         for layout in ("csr", "coo"):
             assert hasattr(library, f"dravik_{family}_hmatrix_{layout}_cuda")
     for operation in ("default_method", "batch", "batch_custom", "batch_cublas", "w"):

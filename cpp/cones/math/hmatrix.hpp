@@ -1,8 +1,9 @@
 // The pieces of the sparse Hessian fills that the host frame and the fill
 // kernels share: which stored entries lie in a cone's block, and the H(i, j)
 // evaluators of the cones whose entries come straight from s and z (zero,
-// nonnegative, exponential) or from one prepared dense matrix (second-order
-// W, the small PSD operators). Local indices i, j run over the block's rows.
+// nonnegative, exponential), from one prepared dense matrix (second-order
+// W, the small PSD operators) or from the PSD scaling point W. Local
+// indices i, j run over the block's rows.
 #pragma once
 
 #include <cstddef>
@@ -10,6 +11,7 @@
 
 #include "cones/math/exponential.hpp"
 #include "cones/math/host_device.hpp"
+#include "cones/math/psd_nt.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -64,6 +66,18 @@ struct HmatrixDense {
     size_t rows;
 
     DRAVIK_HD double operator()(size_t i, size_t j) const { return block[i * rows + j]; }
+};
+
+// H(i, j) of a PSD cone of matrix order n: the svec-space entry of
+// X -> W X W at positions i and j, from the row-major n x n W. The rows x
+// rows block is never formed.
+struct HmatrixPsdW {
+    const double* w;
+    size_t n;
+
+    DRAVIK_HD double operator()(size_t i, size_t j) const {
+        return psd_nt_operator_entry(w, n, i, j);
+    }
 };
 
 // The device traversals, which validate nothing and so must never step
