@@ -35,7 +35,7 @@ def test_fill_writes_the_block_and_leaves_other_rows(m, rng, kind, order, layout
 
 @pytest.mark.parametrize("layout", LAYOUTS)
 def test_cones_at_different_offsets_share_one_matrix(m, rng, layout):
-    """A KKT-like matrix: a free row, then four cones, then two free rows;
+    """A KKT-like matrix: a free row, then the five cones, then two free rows;
     each cone refreshes its own rows only, and the free rows stay."""
     points = [fill_point(m, kind, rng) for kind in KINDS]
     offsets = np.cumsum([1] + [cone.rows for cone, _, _ in points])
@@ -52,12 +52,6 @@ def test_cones_at_different_offsets_share_one_matrix(m, rng, layout):
         fill(cone, layout, s, z, first, second, values, int(offset))
         expected = expected_fill(rows_of, cols_of, expected, offset, dense_h(cone, s, z))
     np.testing.assert_array_equal(values, expected)
-    if layout == "csr":  # read back as a matrix (COO duplicates would add up)
-        got = sp.csr_matrix((values, second, first), shape=(size, size)).toarray()
-        hs = np.zeros((size, size))
-        hs[1:offsets[-1], 1:offsets[-1]] = sp.block_diag([dense_h(*p) for p in points]).toarray()
-        cone_rows = slice(1, offsets[-1])
-        np.testing.assert_array_equal(got[cone_rows], np.where(dense, hs, 0.0)[cone_rows])
 
 
 def test_documented_psd_example(m):

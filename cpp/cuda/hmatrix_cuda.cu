@@ -181,8 +181,7 @@ void psd_fill(Layout layout, const double* s, const double* z, const int64_t* fi
         return;
     }
     dense_gather(
-        layout,
-        [&](double* h) { dravik_psd_nt_scaling_batch_cuda(s, z, h, n, 1, device, stream); },
+        layout, [&](double* h) { dravik_psd_nt_scaling_batch_cuda(s, z, h, n, 1, device, stream); },
         first, second, values, nnz, rows, row_offset, stream);
 }
 
@@ -258,8 +257,8 @@ void dravik_psd_hmatrix_csr_cuda(const double* s, const double* z, const int64_t
 }
 
 void dravik_psd_hmatrix_coo_cuda(const double* s, const double* z, const int64_t* row_indices,
-                                 const int64_t* col_indices, double* values, size_t nnz,
-                                 size_t dim, size_t row_offset, int device, cudaStream_t stream) {
+                                 const int64_t* col_indices, double* values, size_t nnz, size_t dim,
+                                 size_t row_offset, int device, cudaStream_t stream) {
     psd_fill(Layout::Coo, s, z, row_indices, col_indices, values, nnz, dim, row_offset, device,
              stream);
 }
