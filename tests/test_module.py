@@ -34,9 +34,13 @@ def test_registration_order(m):
           "nt_scaling_matrix_batch_into"]
     family = ["nt_scaling_matrix_default_method", "nt_scaling_matrix_batch_custom_into",
               "nt_scaling_matrix_batch_cublas_into"]
-    for cls, extra in ((m.ZeroConeCpp, nt), (m.SecondOrderConeCpp, nt + family),
-                       (m.PsdConeCpp, nt + family)):
-        assert [n for n in vars(cls) if not n.startswith("_")] == basics + extra
+    fills = ["hmatrix_csr_values_into", "hmatrix_coo_values_into"]
+    for cls, methods in ((m.PsdConeCpp, basics + nt + family + fills),
+                         (m.ZeroConeCpp, basics + nt + fills),
+                         (m.NonnegativeConeCpp, basics + nt + fills),
+                         (m.SecondOrderConeCpp, basics + nt + family + fills),
+                         (m.ExponentialConeCpp, basics + nt + fills)):
+        assert [n for n in vars(cls) if not n.startswith("_")] == methods
 
 
 def test_signatures_render_the_three_array_kinds(m):
@@ -121,6 +125,9 @@ def test_only_the_entry_and_the_device_interface_are_exported(m):
     for family in ("zero", "nonnegative", "exp"):
         for operation in ("project", "violation", "contains", "nt_scaling_batch"):
             assert hasattr(library, f"dravik_{family}_{operation}_cuda")
+    for family in ("zero", "nonnegative", "soc", "exp", "psd"):
+        for layout in ("csr", "coo"):
+            assert hasattr(library, f"dravik_{family}_hmatrix_{layout}_cuda")
     for operation in ("default_method", "batch", "batch_custom", "batch_cublas", "w"):
         assert hasattr(library, f"dravik_psd_nt_scaling_{operation}_cuda")
     assert hasattr(library, "dravik_cuda_available")

@@ -14,6 +14,7 @@ void register_psd_cone(nb::module_& m) {
     auto cls = register_cone_basics<BoundPsdConeCpp>(m, "PsdConeCpp", "dim"_a);
     register_nt_scaling_forms(cls);
     register_nt_method_family(cls);
+    register_hmatrix_forms(cls);
 }
 
 void register_psd_functions(nb::module_& m) {

@@ -88,4 +88,24 @@ DensePair dense_pair_views(const ArrayRef& s, const ArrayRef& z, uint64_t length
     return {sv, zv};
 }
 
+SparseFillViews sparse_fill_views(SparseLayout layout, const SparseFillArgs& args,
+                                  uint64_t rows) {
+    const bool csr = layout == SparseLayout::Csr;
+    VectorView sv = checked_vector_view(args.s, rows, "s");
+    VectorView zv = checked_vector_view(args.z, rows, "z");
+    IndexView first = make_index_view(args.first_index, csr ? "indptr" : "row_indices");
+    IndexView second = make_index_view(args.second_index, csr ? "indices" : "col_indices");
+    VectorView values = checked_vector_view(args.values, csr ? second.size : first.size, "values");
+    if (!csr) check_length(second.size, first.size, "COO col_indices");
+    require_same_input_device(sv, zv);
+    require_same_device(sv, values);
+    if (!same_device(first, sv)) {
+        fail("first sparse index must live on the same device as the cone vectors");
+    }
+    if (!same_device(second, sv)) {
+        fail("second sparse index must live on the same device as the cone vectors");
+    }
+    return {sv, zv, first, second, values};
+}
+
 }  // namespace dravik::mirel::cones::cpp

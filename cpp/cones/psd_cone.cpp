@@ -5,6 +5,7 @@
 
 #include "cones/dense.hpp"
 #include "cones/dispatch.hpp"
+#include "cones/hmatrix_fill.hpp"
 #include "cones/jacobi.hpp"
 #include "cones/math/psd_nt.hpp"
 #include "cones/math/svec.hpp"
@@ -27,6 +28,9 @@ constexpr NtMethodFamily kPsdNtMethods{
     {dravik_psd_nt_scaling_batch_cuda, dravik_psd_nt_scaling_batch_custom_cuda,
      dravik_psd_nt_scaling_batch_cublas_cuda},
     "PSD cuBLAS NT scaling requires CUDA arrays"};
+
+constexpr HmatrixDeviceFills kPsdDeviceFills{dravik_psd_hmatrix_csr_cuda,
+                                             dravik_psd_hmatrix_coo_cuda};
 
 // The custom kernels hold their matrices in private arrays of this order.
 void require_custom_dim(uint64_t dim, NtMethod method) {
@@ -154,6 +158,18 @@ void PsdConeCpp::scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRe
         v, dim_, batch, stream, method, kPsdNtMethods,
         [this](NtMethod m) { require_custom_dim(dim_, m); },
         [&] { psd_nt_scaling_batch_host(v.s.data, v.z.data, v.out.data, dim_, batch); });
+}
+
+// The fill prepares W (n x n, the general path and its "matrices" message)
+// and evaluates each written entry from it; the device entry points take the
+// matrix order.
+void PsdConeCpp::hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const {
+    auto prepare = [this](const double* s, const double* z) {
+        return [w = psd_nt_w(s, z, dim_), n = dim_](uint64_t i, uint64_t j) {
+            return HmatrixPsdW{w.data(), n}(i, j);
+        };
+    };
+    fill_hmatrix(layout, args, rows_, dim_, kPsdDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

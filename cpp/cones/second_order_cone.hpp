@@ -35,6 +35,9 @@ public:
                                              const ArrayRef& output, uint64_t batch,
                                              uint64_t stream) const;
 
+    // The cone's H block into a caller's CSR or COO value array.
+    void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
+
 private:
     void scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output, uint64_t batch,
                      uint64_t stream, NtMethod method) const;

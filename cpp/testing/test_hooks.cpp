@@ -1,10 +1,11 @@
 // _cpp_cuda_test_hooks: a test-only extension, built beside _cpp_cuda by the
 // same project and never shipped with the package. It reaches internals
 // that the module's documented surface does not show: the two Jacobi pivot
-// searches (whose results must agree to the bit), the 2 x 2 closed forms and
-// the PSD NT scaling formulas that the device kernels run, on host arrays,
-// the host's PSD scaling point W, and the PSD device entry points' routes. It compiles the host
-// sources it needs with the module's floating-point flags, so the bits are the same.
+// searches (whose results must agree to the bit), the 2 x 2 closed forms,
+// the PSD NT scaling formulas and the guarded sparse-fill traversals that
+// the device kernels run, on host arrays, the host's PSD scaling point W,
+// and the PSD device entry points' routes. It compiles the host sources it
+// needs with the module's floating-point flags, so the bits are the same.
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/string.h>
@@ -15,6 +16,7 @@
 
 #include "cones/errors.hpp"
 #include "cones/jacobi.hpp"
+#include "cones/math/hmatrix.hpp"
 #include "cones/math/psd2.hpp"
 #include "cones/math/psd_nt.hpp"
 #include "cones/math/svec.hpp"
@@ -28,6 +30,8 @@ namespace cones = dravik::mirel::cones::cpp;
 namespace {
 
 using Input = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+using Output = nb::ndarray<double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+using Index = nb::ndarray<const int64_t, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
 using JacobiFn = void (*)(std::vector<double>&, std::vector<double>&, uint64_t);
 
 // A NumPy array that owns `values` (moved into the capsule that frees it).
@@ -195,4 +199,29 @@ NB_MODULE(_cpp_cuda_test_hooks, m) {
             return nb::make_tuple(at.row, at.col);
         },
         "k"_a);
+    // The direct fill kernels' traversal (no checks, every position bounded
+    // by nnz) run on the host, its work split into `workers` row or entry
+    // strides (CSR rows also into `lanes`) as a launch splits it.
+    m.def(
+        "hmatrix_direct_device_fill",
+        [](bool csr, int kind, Input s, Input z, Index first, Index second, Output values,
+           uint64_t rows, uint64_t row_offset, uint64_t workers, uint64_t lanes) {
+            const cones::HmatrixDirect h{kind, s.data(), z.data()};
+            for (uint64_t w = 0; w < workers; ++w) {
+                if (!csr) {
+                    cones::hmatrix_coo_entries_guarded(first.data(), second.data(), values.data(),
+                                                       values.shape(0), rows, row_offset, h, w,
+                                                       workers);
+                    continue;
+                }
+                for (uint64_t lane = 0; lane < lanes; ++lane) {
+                    cones::hmatrix_csr_rows_guarded(first.data(), second.data(), values.data(),
+                                                    values.shape(0), rows, row_offset, h, w,
+                                                    workers, lane, lanes);
+                }
+            }
+        },
+        "csr"_a, "kind"_a, "s"_a.noconvert(), "z"_a.noconvert(), "first"_a.noconvert(),
+        "second"_a.noconvert(), "values"_a.noconvert(), "rows"_a, "row_offset"_a, "workers"_a,
+        "lanes"_a);
 }
