@@ -126,27 +126,7 @@ OwnedArray PsdConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef
     return dense_matrix_array(psd_nt_operator(p.s.data, p.z.data, dim_), rows_, "PSD NT scaling");
 }
 
-void PsdConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
-                                              const ArrayRef& output, uint64_t batch,
-                                              uint64_t stream) const {
-    scale_batch(s, z, output, batch, stream, NtMethod::Default);
-}
-
-const char* PsdConeCpp::nt_scaling_matrix_default_method(uint64_t batch) const {
-    return kPsdNtMethods.default_method(dim_, batch);
-}
-
-void PsdConeCpp::nt_scaling_matrix_batch_custom_into(const ArrayRef& s, const ArrayRef& z,
-                                                     const ArrayRef& output, uint64_t batch,
-                                                     uint64_t stream) const {
-    scale_batch(s, z, output, batch, stream, NtMethod::Custom);
-}
-
-void PsdConeCpp::nt_scaling_matrix_batch_cublas_into(const ArrayRef& s, const ArrayRef& z,
-                                                     const ArrayRef& output, uint64_t batch,
-                                                     uint64_t stream) const {
-    scale_batch(s, z, output, batch, stream, NtMethod::Cublas);
-}
+const NtMethodFamily& PsdConeCpp::nt_methods() { return kPsdNtMethods; }
 
 // The batch forms: views (svec lengths) and same-device checks, then the
 // device entry point of the method with the matrix order, or the host's

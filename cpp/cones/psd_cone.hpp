@@ -14,7 +14,7 @@
 
 namespace dravik::mirel::cones::cpp {
 
-class PsdConeCpp {
+class PsdConeCpp : public NtMethodForms<PsdConeCpp> {
 public:
     explicit PsdConeCpp(uint64_t dim);
 
@@ -30,22 +30,15 @@ public:
     // (closed forms for dim 1 and 2) or the device.
     std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
     OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
-    void nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
-                                      uint64_t batch, uint64_t stream) const;
 
-    // The device method the batch form picks for this dim and batch size.
-    const char* nt_scaling_matrix_default_method(uint64_t batch) const;
-    void nt_scaling_matrix_batch_custom_into(const ArrayRef& s, const ArrayRef& z,
-                                             const ArrayRef& output, uint64_t batch,
-                                             uint64_t stream) const;
-    void nt_scaling_matrix_batch_cublas_into(const ArrayRef& s, const ArrayRef& z,
-                                             const ArrayRef& output, uint64_t batch,
-                                             uint64_t stream) const;
+    // The batch forms come from NtMethodForms.
+    static const NtMethodFamily& nt_methods();
 
     // The cone's H block into a caller's CSR or COO value array.
     void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
 
 private:
+    friend class NtMethodForms<PsdConeCpp>;
     void scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output, uint64_t batch,
                      uint64_t stream, NtMethod method) const;
 

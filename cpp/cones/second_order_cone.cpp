@@ -112,27 +112,7 @@ OwnedArray SecondOrderConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const 
     return dense_matrix_array(soc_nt_scaling_dense(sv.data, zv.data, dim_), dim_, "SOC NT scaling");
 }
 
-void SecondOrderConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
-                                                      const ArrayRef& output, uint64_t batch,
-                                                      uint64_t stream) const {
-    scale_batch(s, z, output, batch, stream, NtMethod::Default);
-}
-
-const char* SecondOrderConeCpp::nt_scaling_matrix_default_method(uint64_t batch) const {
-    return kSocNtMethods.default_method(dim_, batch);
-}
-
-void SecondOrderConeCpp::nt_scaling_matrix_batch_custom_into(const ArrayRef& s, const ArrayRef& z,
-                                                             const ArrayRef& output, uint64_t batch,
-                                                             uint64_t stream) const {
-    scale_batch(s, z, output, batch, stream, NtMethod::Custom);
-}
-
-void SecondOrderConeCpp::nt_scaling_matrix_batch_cublas_into(const ArrayRef& s, const ArrayRef& z,
-                                                             const ArrayRef& output, uint64_t batch,
-                                                             uint64_t stream) const {
-    scale_batch(s, z, output, batch, stream, NtMethod::Cublas);
-}
+const NtMethodFamily& SecondOrderConeCpp::nt_methods() { return kSocNtMethods; }
 
 // The four _into forms: views and same-device checks, then the device entry
 // point of the method, or the host loop.
