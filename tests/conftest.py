@@ -12,6 +12,13 @@ from dravik.mirel.cones.cpp import _cpp_cuda
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
+# The package tree the module under test was loaded from: python/, or the
+# staged copy of a variant build (the sanitizer build).
+PACKAGE_ROOT = os.path.abspath(os.path.join(os.path.dirname(_cpp_cuda.__file__), *[".."] * 4))
+
+
+def pytest_report_header():
+    return f"_cpp_cuda: {_cpp_cuda.__file__}"
 
 
 @pytest.fixture(scope="session")
@@ -77,6 +84,8 @@ def _gpu_arrays():
         except ImportError:
             continue
         if name == "cupy" or lib.cuda.is_available():
+            if name == "cupy" and os.environ.get("DRAVIK_GPU_POOL") == "off":
+                lib.cuda.set_allocator(None)  # each array its own cudaMalloc (sanitizer runs)
             return GpuArrays(name, lib), ""
     return None, "a CUDA device is present but neither CuPy nor PyTorch is installed"
 
@@ -90,12 +99,13 @@ def gpu():
     return arrays
 
 
-def run_python(code, **env):
+def run_python(code, timeout=None, **env):
     """Runs `code` in a fresh interpreter with extra environment variables
-    (for example OMP_NUM_THREADS) and returns its stdout."""
+    (for example OMP_NUM_THREADS) and returns its stdout; fails after
+    `timeout` seconds if given."""
     full_env = dict(os.environ)
-    full_env["PYTHONPATH"] = os.pathsep.join([os.path.join(ROOT, "python"), HERE])
+    full_env["PYTHONPATH"] = os.pathsep.join([PACKAGE_ROOT, HERE])
     full_env.update({k: str(v) for k, v in env.items()})
     done = subprocess.run([sys.executable, "-c", code], env=full_env, capture_output=True,
-                          text=True, check=True)
+                          text=True, check=True, timeout=timeout)
     return done.stdout
