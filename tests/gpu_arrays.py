@@ -4,6 +4,7 @@ device addresses and new streams, waiting for the device, and running cone
 methods on device copies."""
 import ctypes
 import importlib
+import os
 import time
 
 import numpy as np
@@ -104,5 +105,7 @@ def gpu_arrays(module):
         except ImportError:
             continue
         if name == "cupy" or lib.cuda.is_available():
+            if name == "cupy" and os.environ.get("DRAVIK_GPU_POOL") == "off":
+                lib.cuda.set_allocator(None)  # each array its own cudaMalloc (sanitizer runs)
             return GpuArrays(name, lib), ""
     return None, "a CUDA device is present but neither CuPy nor PyTorch is installed"

@@ -37,6 +37,10 @@ struct IndexView {
     int32_t device_id;
 };
 
+// Each view builder checks, in this order: the device type (name + " must
+// be on CPU or CUDA"), then the alignment of a non-empty array's data
+// (name + " must be 8-byte aligned"); checked_vector_view checks the length
+// before both.
 void check_length(uint64_t actual, uint64_t expected, const char* name);
 VectorView make_vector_view(const ArrayRef& array, const char* name);
 VectorView checked_vector_view(const ArrayRef& array, uint64_t expected, const char* name);
