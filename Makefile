@@ -13,12 +13,15 @@ DRAVIK_CUDA ?= AUTO
 # Backend of the module test-pip builds (CPU-only by default: quick, needs no toolkit).
 PIP_CUDA ?= OFF
 
+# The sanitizer build: its own folder and a staged copy of the package there.
+SANITIZE_BUILD ?= build-sanitize
+
 RUN = PYTHONPATH=python $(PYTHON)
 
-.PHONY: build demo tour test bench clean
+.PHONY: build demo tour test test-sanitize test-gpu-sanitize fuzz bench clean
 
 build:
-	@DEPS=$(DEPS) bash scripts/build.sh $(PYTHON) $(BUILD) -DCMAKE_CUDA_ARCHITECTURES="$(CUDA_ARCHS)" \
+	@DRAVIK_DEPS=$(DEPS) bash scripts/build.sh $(PYTHON) $(BUILD) -DCMAKE_CUDA_ARCHITECTURES="$(CUDA_ARCHS)" \
 	  -DDRAVIK_CUDA=$(DRAVIK_CUDA)
 
 demo: build
@@ -30,12 +33,25 @@ tour: build
 test: build
 	@$(RUN) -m pytest -q tests $(PYTEST_ARGS)
 
+# Host suite (bounded fuzz profile included) under ASan and UBSan.
+test-sanitize:
+	@bash scripts/test_sanitize.sh $(PYTHON) $(SANITIZE_BUILD) $(DEPS) $(PYTEST_ARGS)
+
+# The property tests with the long profile.
+fuzz: build
+	@DRAVIK_FUZZ=long $(RUN) -m pytest -q tests/test_fuzz.py $(PYTEST_ARGS)
+
+# GPU tests under compute-sanitizer (memcheck, synccheck, initcheck, racecheck);
+# needs a GPU machine.
+test-gpu-sanitize:
+	@bash scripts/test_gpu_sanitize.sh $(PYTHON) $(BUILD) "$(CUDA_ARCHS)" $(PYTEST_ARGS)
+
 bench: build
 	@bash scripts/setup.sh $(PYTHON) $(DEPS) matplotlib=python3-matplotlib >/dev/null
 	@$(RUN) bench/run.py
 
 clean:
-	rm -rf $(BUILD) python/dravik/mirel/cones/cpp/_cpp_cuda*.so tests/_cpp_cuda_test_hooks*.so
+	rm -rf $(BUILD) $(SANITIZE_BUILD) python/dravik/mirel/cones/cpp/_cpp_cuda*.so tests/_cpp_cuda_test_hooks*.so
 	rm -f python/dravik/mirel/cones/cpp/_cpp_cuda.pyi
 
 .PHONY: test-cpu test-pip stubs

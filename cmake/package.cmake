@@ -2,15 +2,21 @@
 # own, <build>/package/dravik/mirel/cones/cpp/, and generates the type stub
 # _cpp_cuda.pyi there by importing the module as built (nanobind's stubgen).
 # A build from the checkout (make build) then copies module and stub into
-# python/dravik/mirel/cones/cpp/, the package the tests and the demos import,
-# on every build, so the checkout always holds the last-built variant; a pip
-# build (scikit-build-core) installs them into the wheel instead and leaves
-# the source tree alone.
+# the package tree under DRAVIK_PYTHON_DIR (python/, the package the tests
+# and the demos import, or a variant build's staged copy) on every build, so
+# that tree always holds the last-built variant; a pip build
+# (scikit-build-core) installs them into the wheel instead and leaves the
+# source tree alone.
 #
-# DRAVIK_STUBS=OFF skips the stub, for builds whose module cannot be
-# imported by the build's Python (e.g. one instrumented with sanitizers).
+# DRAVIK_STUBS=OFF skips the stub; it is the default for sanitizer builds,
+# whose module the build's Python cannot import without the sanitizer
+# runtime preloaded.
 
-option(DRAVIK_STUBS "Generate the type stub _cpp_cuda.pyi from the built module" ON)
+if(DRAVIK_SANITIZE)
+  option(DRAVIK_STUBS "Generate the type stub _cpp_cuda.pyi from the built module" OFF)
+else()
+  option(DRAVIK_STUBS "Generate the type stub _cpp_cuda.pyi from the built module" ON)
+endif()
 
 set(DRAVIK_PACKAGE_ROOT ${CMAKE_BINARY_DIR}/package)
 set(DRAVIK_PACKAGE_DIR ${DRAVIK_PACKAGE_ROOT}/dravik/mirel/cones/cpp)
@@ -36,7 +42,7 @@ if(SKBUILD)
 else()
   add_custom_target(_cpp_cuda_in_tree ALL
     COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_FILE:_cpp_cuda> ${stub_files}
-            ${CMAKE_SOURCE_DIR}/python/dravik/mirel/cones/cpp
+            ${DRAVIK_PYTHON_DIR}/dravik/mirel/cones/cpp
     VERBATIM)
   add_dependencies(_cpp_cuda_in_tree _cpp_cuda)
   if(DRAVIK_STUBS)

@@ -4,8 +4,8 @@
 #
 #   scripts/build.sh PYTHON BUILD_DIR [extra cmake -D options...]
 #
-# DEPS (environment) is where set-up keeps nanobind, default BUILD_DIR/deps;
-# build folders that share it fetch it once.
+# The fetched nanobind lives in BUILD_DIR/deps unless DRAVIK_DEPS names
+# another folder (variant builds share the normal build's).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -13,7 +13,7 @@ python=${1:-/usr/bin/python3}
 build=${2:-build}
 shift $(( $# > 2 ? 2 : $# ))
 
-deps=${DEPS:-$build/deps}
+deps=${DRAVIK_DEPS:-$build/deps}
 nb_dir=$(bash scripts/setup.sh "$python" "$deps" | tail -n 1)
 python=$(command -v "$python")
 

@@ -9,6 +9,10 @@ from gpu_arrays import gpu_arrays
 from dravik.mirel.cones.cpp import _cpp_cuda
 
 
+def pytest_report_header():
+    return f"_cpp_cuda: {_cpp_cuda.__file__}"
+
+
 @pytest.fixture(scope="session")
 def m():
     return _cpp_cuda

@@ -1,7 +1,10 @@
 """CuPy or PyTorch behind the few calls that the GPU tests and the device
 benchmarks need: moving float64 vectors between NumPy and the device,
-waiting for the device, and running cone methods on device copies."""
+device addresses and new streams, waiting for the device, and running cone
+methods on device copies."""
+import ctypes
 import importlib
+import os
 import time
 
 import numpy as np
@@ -23,6 +26,18 @@ class GpuArrays:
 
     def to_host(self, array):
         return self.lib.asnumpy(array) if self.name == "cupy" else array.cpu().numpy()
+
+    def pointer(self, array):
+        """The device address of an array's first element."""
+        return array.data.ptr if self.name == "cupy" else array.data_ptr()
+
+    def new_stream(self):
+        """A new non-default stream: (the library's stream object, its handle)."""
+        if self.name == "cupy":
+            stream = self.lib.cuda.Stream(non_blocking=True)
+            return stream, stream.ptr
+        stream = self.lib.cuda.Stream()
+        return stream, stream.cuda_stream
 
     def synchronize(self):
         if self.name == "cupy":
@@ -68,6 +83,17 @@ class GpuArrays:
         return 2 * nbytes / self.timed(lambda: dst.__setitem__(slice(None), src))
 
 
+def psd_w_function(module):
+    """dravik_psd_nt_scaling_w_cuda of the loaded module through ctypes: the
+    W blocks have no Python method. Give it valid arguments only, since a
+    C++ exception cannot cross ctypes."""
+    function = ctypes.CDLL(module.__file__).dravik_psd_nt_scaling_w_cuda
+    function.restype = None
+    function.argtypes = [ctypes.c_void_p] * 3 + [ctypes.c_size_t] * 2 + [ctypes.c_int,
+                                                                          ctypes.c_void_p]
+    return function
+
+
 def gpu_arrays(module):
     """(GpuArrays, "") when `module` sees a CUDA device and CuPy or PyTorch
     is importable, else (None, the reason)."""
@@ -79,5 +105,7 @@ def gpu_arrays(module):
         except ImportError:
             continue
         if name == "cupy" or lib.cuda.is_available():
+            if name == "cupy" and os.environ.get("DRAVIK_GPU_POOL") == "off":
+                lib.cuda.set_allocator(None)  # each array its own cudaMalloc (sanitizer runs)
             return GpuArrays(name, lib), ""
     return None, "a CUDA device is present but neither CuPy nor PyTorch is installed"

@@ -70,3 +70,61 @@ def soc_interior(n, rng, margin=0.5):
 
 def soc_interior_batch(n, batch, rng):
     return [np.concatenate([soc_interior(n, rng, mg) for _ in range(batch)]) for mg in (0.5, 2.0)]
+
+
+# ------------------------------------------------------------------- PSD
+
+def documented_jacobi(a):
+    """The documented Jacobi algorithm, step by step, in Python floats:
+    (eigenvalues, V with the eigenvectors as columns)."""
+    n = len(a)
+    a = [list(map(float, row)) for row in a]
+    v = [[float(i == j) for j in range(n)] for i in range(n)]
+    for _ in range(32 * n * n if n > 1 else 0):
+        best, p, q = 0.0, 0, 1
+        for i in range(n - 1):
+            for j in range(i + 1, n):
+                if abs(a[i][j]) > best:
+                    best, p, q = abs(a[i][j]), i, j
+        if best < 1e-12:
+            break
+        theta = 0.5 * math.atan2(2.0 * a[p][q], a[q][q] - a[p][p])
+        c, s = math.cos(theta), math.sin(theta)
+        for k in range(n):
+            x, y = a[p][k], a[q][k]
+            a[p][k], a[q][k] = c * x - s * y, s * x + c * y
+        for k in range(n):
+            x, y = a[k][p], a[k][q]
+            a[k][p], a[k][q] = c * x - s * y, s * x + c * y
+        for k in range(n):
+            x, y = v[k][p], v[k][q]
+            v[k][p], v[k][q] = c * x - s * y, s * x + c * y
+    return np.array([a[i][i] for i in range(n)]), np.array(v)
+
+
+def svec(a):
+    """The lower triangle of a row by row, off-diagonal entries times sqrt(2)."""
+    rows, cols = np.tril_indices(a.shape[0])
+    return a[rows, cols] * np.where(rows == cols, 1.0, math.sqrt(2.0))
+
+
+def smat(x, n):
+    rows, cols = np.tril_indices(n)
+    a = np.zeros((n, n))
+    a[rows, cols] = x / np.where(rows == cols, 1.0, math.sqrt(2.0))
+    return np.tril(a) + np.tril(a, -1).T
+
+
+def spd(n, rng, low=0.5, high=2.0):
+    """A symmetric matrix with eigenvalues drawn from [low, high]."""
+    q, _ = np.linalg.qr(rng.standard_normal((n, n)))
+    a = (q * rng.uniform(low, high, n)) @ q.T
+    return (a + a.T) / 2
+
+
+def psd_pairs(n, batch, rng):
+    """svec runs s and z of `batch` positive definite blocks of order n."""
+    s = [svec(spd(n, rng)) for _ in range(batch)]
+    z = [svec(spd(n, rng, 0.2, 5.0)) for _ in range(batch)]
+    return np.concatenate(s or [np.empty(0)]), np.concatenate(z or [np.empty(0)])
+

@@ -1,10 +1,9 @@
 """The host Jacobi eigen-solver: the per-row-maxima pivot search must make
 exactly the rotations of the documented full scan (same bits), and the
 result must be an eigen-decomposition."""
-import math
-
 import numpy as np
 import pytest
+from samples import documented_jacobi
 
 
 def symmetric(rng, n, kind):
@@ -52,33 +51,6 @@ MOVED_TO_P = with_entries(4, {(0, 2): 5e-12, (0, 3): 5e-12, (1, 3): 1e-11, (1, 1
 MOVED_TO_Q = with_entries(5, {(0, 1): 5e-12, (0, 2): 5e-12, (0, 3): 5e-12, (2, 4): 1e-11,
                               (2, 2): 1e6})
 NAN = np.nan
-
-
-def documented_jacobi(a):
-    """The documented algorithm, step by step, in Python floats."""
-    n = len(a)
-    a = [list(map(float, row)) for row in a]
-    v = [[float(i == j) for j in range(n)] for i in range(n)]
-    for _ in range(32 * n * n if n > 1 else 0):
-        best, p, q = 0.0, 0, 1
-        for i in range(n - 1):
-            for j in range(i + 1, n):
-                if abs(a[i][j]) > best:
-                    best, p, q = abs(a[i][j]), i, j
-        if best < 1e-12:
-            break
-        theta = 0.5 * math.atan2(2.0 * a[p][q], a[q][q] - a[p][p])
-        c, s = math.cos(theta), math.sin(theta)
-        for k in range(n):
-            x, y = a[p][k], a[q][k]
-            a[p][k], a[q][k] = c * x - s * y, s * x + c * y
-        for k in range(n):
-            x, y = a[k][p], a[k][q]
-            a[k][p], a[k][q] = c * x - s * y, s * x + c * y
-        for k in range(n):
-            x, y = v[k][p], v[k][q]
-            v[k][p], v[k][q] = c * x - s * y, s * x + c * y
-    return np.array([a[i][i] for i in range(n)]), np.array(v)
 
 
 @pytest.mark.parametrize("a", [

@@ -33,10 +33,17 @@ def test_registration_order(m):
     assert names[-4:] == ["psd_smat", "psd_svec", "psd_smat_into", "psd_svec_into"]
     basics = ["dim", "rows", "project_into", "violation", "contains", "unit_vector",
               "unit_vector_array", "unit_vector_into"]
-    for cls, extra in ((m.PsdConeCpp, []), (m.ZeroConeCpp, [
-            "nt_scaling_matrix", "nt_scaling_matrix_array", "nt_scaling_matrix_into",
-            "nt_scaling_matrix_batch_into"])):
-        assert [n for n in vars(cls) if not n.startswith("_")] == basics + extra
+    nt = ["nt_scaling_matrix", "nt_scaling_matrix_array", "nt_scaling_matrix_into",
+          "nt_scaling_matrix_batch_into"]
+    family = ["nt_scaling_matrix_default_method", "nt_scaling_matrix_batch_custom_into",
+              "nt_scaling_matrix_batch_cublas_into"]
+    fills = ["hmatrix_csr_values_into", "hmatrix_coo_values_into"]
+    for cls, methods in ((m.PsdConeCpp, basics + nt + family + fills),
+                         (m.ZeroConeCpp, basics + nt + fills),
+                         (m.NonnegativeConeCpp, basics + nt + fills),
+                         (m.SecondOrderConeCpp, basics + nt + family + fills),
+                         (m.ExponentialConeCpp, basics + nt + fills)):
+        assert [n for n in vars(cls) if not n.startswith("_")] == methods
 
 
 def test_signatures_render_the_three_array_kinds(m):
@@ -121,6 +128,11 @@ def test_only_the_entry_and_the_device_interface_are_exported(m):
     for family in ("zero", "nonnegative", "exp"):
         for operation in ("project", "violation", "contains", "nt_scaling_batch"):
             assert hasattr(library, f"dravik_{family}_{operation}_cuda")
+    for family in ("zero", "nonnegative", "soc", "exp", "psd"):
+        for layout in ("csr", "coo"):
+            assert hasattr(library, f"dravik_{family}_hmatrix_{layout}_cuda")
+    for operation in ("default_method", "batch", "batch_custom", "batch_cublas", "w"):
+        assert hasattr(library, f"dravik_psd_nt_scaling_{operation}_cuda")
     assert hasattr(library, "dravik_cuda_available")
     nm = shutil.which("nm")
     if nm is None:

@@ -50,6 +50,21 @@ public:
         Core::nt_scaling_matrix_batch_into(array_ref(s), array_ref(z), array_ref(output), batch,
                                            stream);
     }
+
+    void hmatrix_csr_values_into(ReadVector s, ReadVector z, IndexVector indptr,
+                                 IndexVector indices, WriteVector values, uint64_t row_offset,
+                                 uint64_t stream) const {
+        Core::hmatrix_values_into(
+            SparseLayout::Csr, {array_ref(s), array_ref(z), array_ref(indptr), array_ref(indices),
+                                array_ref(values), row_offset, stream});
+    }
+    void hmatrix_coo_values_into(ReadVector s, ReadVector z, IndexVector row_indices,
+                                 IndexVector col_indices, WriteVector values, uint64_t row_offset,
+                                 uint64_t stream) const {
+        Core::hmatrix_values_into(SparseLayout::Coo,
+                                  {array_ref(s), array_ref(z), array_ref(row_indices),
+                                   array_ref(col_indices), array_ref(values), row_offset, stream});
+    }
 };
 
 // The cones whose batch NT scaling has a method family add the two forced
@@ -118,6 +133,18 @@ void register_nt_method_family(nb::class_<Bound>& cls) {
         .def("nt_scaling_matrix_batch_cublas_into", &Bound::nt_scaling_matrix_batch_cublas_into,
              "s"_a.noconvert(), "z"_a.noconvert(), "output"_a.noconvert(), "batch"_a,
              "stream"_a = 0);
+}
+
+// The two sparse Hessian fills, registered last on every cone.
+template <class Bound>
+void register_hmatrix_forms(nb::class_<Bound>& cls) {
+    using namespace nb::literals;
+    cls.def("hmatrix_csr_values_into", &Bound::hmatrix_csr_values_into, "s"_a.noconvert(),
+            "z"_a.noconvert(), "indptr"_a.noconvert(), "indices"_a.noconvert(),
+            "values"_a.noconvert(), "row_offset"_a = 0, "stream"_a = 0)
+        .def("hmatrix_coo_values_into", &Bound::hmatrix_coo_values_into, "s"_a.noconvert(),
+             "z"_a.noconvert(), "row_indices"_a.noconvert(), "col_indices"_a.noconvert(),
+             "values"_a.noconvert(), "row_offset"_a = 0, "stream"_a = 0);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -12,6 +12,7 @@ void register_exponential_cone(nb::module_& m) {
     auto cls =
         register_cone_basics<BoundExponentialConeCpp>(m, "ExponentialConeCpp", "blocks"_a = 1);
     register_nt_scaling_forms(cls);
+    register_hmatrix_forms(cls);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -6,12 +6,15 @@
 
 namespace dravik::mirel::cones::cpp {
 namespace {
-using BoundPsdConeCpp = BoundCone<PsdConeCpp>;
+using BoundPsdConeCpp = BoundNtFamilyCone<PsdConeCpp>;
 }  // namespace
 
 void register_psd_cone(nb::module_& m) {
     using namespace nb::literals;
-    register_cone_basics<BoundPsdConeCpp>(m, "PsdConeCpp", "dim"_a);
+    auto cls = register_cone_basics<BoundPsdConeCpp>(m, "PsdConeCpp", "dim"_a);
+    register_nt_scaling_forms(cls);
+    register_nt_method_family(cls);
+    register_hmatrix_forms(cls);
 }
 
 void register_psd_functions(nb::module_& m) {

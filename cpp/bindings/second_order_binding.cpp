@@ -12,6 +12,7 @@ void register_second_order_cone(nb::module_& m) {
     auto cls = register_cone_basics<BoundSecondOrderConeCpp>(m, "SecondOrderConeCpp", "dim"_a);
     register_nt_scaling_forms(cls);
     register_nt_method_family(cls);
+    register_hmatrix_forms(cls);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -1,5 +1,6 @@
 #include "bindings/views.hpp"
 
+#include <cstdint>
 #include <stdexcept>
 
 #include "cuda/dravik_cuda.h"
@@ -19,8 +20,23 @@ static DeviceKind supported_device(int32_t device_type, const char* name) {
     fail(std::string(name) + " must be on CPU or CUDA");
 }
 
+// Elements are read and written as whole float64 / int64 values, so a data
+// pointer off an 8-byte boundary would mean misaligned accesses (undefined
+// behaviour on the host, a fault in a kernel). An empty array's pointer is
+// never dereferenced (every loop and device call returns at once on zero
+// elements), so it is accepted wherever it points.
+constexpr uintptr_t kElementAlignment = 8;
+static_assert(alignof(double) == kElementAlignment && alignof(int64_t) == kElementAlignment);
+
+static void require_aligned(const ArrayRef& array, const char* name) {
+    if (array.size != 0 && reinterpret_cast<uintptr_t>(array.data) % kElementAlignment != 0) {
+        fail(std::string(name) + " must be 8-byte aligned");
+    }
+}
+
 VectorView make_vector_view(const ArrayRef& array, const char* name) {
     DeviceKind device = supported_device(array.device_type, name);
+    require_aligned(array, name);
     return {static_cast<double*>(array.data), array.size, device, array.device_id};
 }
 
@@ -31,6 +47,7 @@ VectorView checked_vector_view(const ArrayRef& array, uint64_t expected, const c
 
 IndexView make_index_view(const ArrayRef& array, const char* name) {
     DeviceKind device = supported_device(array.device_type, name);
+    require_aligned(array, name);
     return {static_cast<int64_t*>(array.data), array.size, device, array.device_id};
 }
 
@@ -86,6 +103,26 @@ DensePair dense_pair_views(const ArrayRef& s, const ArrayRef& z, uint64_t length
     VectorView sv = dense_input_view(s, length, "s");
     VectorView zv = dense_input_view(z, length, "z");
     return {sv, zv};
+}
+
+SparseFillViews sparse_fill_views(SparseLayout layout, const SparseFillArgs& args,
+                                  uint64_t rows) {
+    const bool csr = layout == SparseLayout::Csr;
+    VectorView sv = checked_vector_view(args.s, rows, "s");
+    VectorView zv = checked_vector_view(args.z, rows, "z");
+    IndexView first = make_index_view(args.first_index, csr ? "indptr" : "row_indices");
+    IndexView second = make_index_view(args.second_index, csr ? "indices" : "col_indices");
+    VectorView values = checked_vector_view(args.values, csr ? second.size : first.size, "values");
+    if (!csr) check_length(second.size, first.size, "COO col_indices");
+    require_same_input_device(sv, zv);
+    require_same_device(sv, values);
+    if (!same_device(first, sv)) {
+        fail("first sparse index must live on the same device as the cone vectors");
+    }
+    if (!same_device(second, sv)) {
+        fail("second sparse index must live on the same device as the cone vectors");
+    }
+    return {sv, zv, first, second, values};
 }
 
 }  // namespace dravik::mirel::cones::cpp

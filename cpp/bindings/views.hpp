@@ -37,6 +37,10 @@ struct IndexView {
     int32_t device_id;
 };
 
+// Each view builder checks, in this order: the device type (name + " must
+// be on CPU or CUDA"), then the alignment of a non-empty array's data
+// (name + " must be 8-byte aligned"); checked_vector_view checks the length
+// before both.
 void check_length(uint64_t actual, uint64_t expected, const char* name);
 VectorView make_vector_view(const ArrayRef& array, const char* name);
 VectorView checked_vector_view(const ArrayRef& array, uint64_t expected, const char* name);
@@ -84,5 +88,33 @@ struct DensePair {
 };
 // s then z as dense host inputs of `length` entries.
 DensePair dense_pair_views(const ArrayRef& s, const ArrayRef& z, uint64_t length);
+
+// The two layouts of a caller's sparse matrix that the Hessian fills write
+// into: CSR (indptr, indices) and COO (row_indices, col_indices).
+enum class SparseLayout { Csr, Coo };
+
+// The arguments of one sparse Hessian fill as the binding hands them over.
+struct SparseFillArgs {
+    ArrayRef s;
+    ArrayRef z;
+    ArrayRef first_index;   // indptr (CSR) or row_indices (COO)
+    ArrayRef second_index;  // indices (CSR) or col_indices (COO)
+    ArrayRef values;
+    uint64_t row_offset;  // the cone's first row and column in the caller's matrix
+    uint64_t stream;
+};
+
+struct SparseFillViews {
+    VectorView s;
+    VectorView z;
+    IndexView first;
+    IndexView second;
+    VectorView values;
+};
+// s and z of `rows` entries; the two index arrays (device only); values as
+// long as indices (CSR) or row_indices (COO); COO col_indices as long as
+// row_indices; then s and z on one device, values on the device of s, and
+// the first and then the second index array on that device too.
+SparseFillViews sparse_fill_views(SparseLayout layout, const SparseFillArgs& args, uint64_t rows);
 
 }  // namespace dravik::mirel::cones::cpp

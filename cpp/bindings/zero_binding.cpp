@@ -11,6 +11,7 @@ void register_zero_cone(nb::module_& m) {
     using namespace nb::literals;
     auto cls = register_cone_basics<BoundZeroConeCpp>(m, "ZeroConeCpp", "dim"_a);
     register_nt_scaling_forms(cls);
+    register_hmatrix_forms(cls);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -47,6 +47,8 @@ std::vector<double> rank_two_map_values(const double* a, const double* b, uint64
 // n * batch <= 8192.
 template <class Value>
 void fill_diagonal_blocks(double* out, uint64_t n, uint64_t batch, Value&& value) {
+    // Nothing to write: no walk over a batch of empty blocks, however large.
+    if (n == 0 || batch == 0) return;
     std::fill(out, out + n * n * batch, 0.0);
     const uint64_t threshold = n * batch <= kParallelThreshold ? UINT64_MAX : 0;
     parallel_blocks(batch, threshold, [&](uint64_t begin, uint64_t end) {

@@ -6,6 +6,7 @@
 
 #include "cones/dense.hpp"
 #include "cones/dispatch.hpp"
+#include "cones/hmatrix_fill.hpp"
 #include "cones/math/exponential.hpp"
 #include "cones/parallel.hpp"
 
@@ -21,6 +22,17 @@ constexpr const char* kScalingLabel = "exponential scaling";
 
 [[noreturn]] void fail_not_interior() {
     fail(std::string(kScalingLabel) + " requires strictly interior cone vectors");
+}
+
+constexpr HmatrixDeviceFills kExpDeviceFills{dravik_exp_hmatrix_csr_cuda,
+                                             dravik_exp_hmatrix_coo_cuda};
+
+// The sparse fill's own test of a block: the strict interior with exp on the
+// raw ratio (an overflow to infinity fails), or the ray y = 0, x < 0, z >= 0
+// of the closure. NaN fails.
+bool fill_admissible(ExpBlock v) {
+    if (v.y > 0.0) return v.z > v.y * std::exp(v.x / v.y);
+    return v.y == 0.0 && v.x < 0.0 && v.z >= 0.0;
 }
 
 bool interior_pair(const double* s, const double* z) {
@@ -156,6 +168,30 @@ void ExponentialConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const A
                                              as_stream(stream));
         },
         [&] { scale_batch_host(sv.data, zv.data, out.data, blocks_, batch); });
+}
+
+// Every block tested and its 3 x 3 map prepared (9 values per block) before
+// anything is written; entries coupling two blocks are 0.0.
+void ExponentialConeCpp::hmatrix_values_into(SparseLayout layout,
+                                             const SparseFillArgs& args) const {
+    auto prepare = [this](const double* s, const double* z) {
+        std::vector<double> blocks(9 * blocks_);
+        for (uint64_t k = 0; k < blocks_; ++k) {
+            const double* sk = s + 3 * k;
+            const double* zk = z + 3 * k;
+            if (!fill_admissible(load_exp_block(sk)) || !fill_admissible(load_exp_block(zk))) {
+                fail("exponential sparse H fill requires strictly interior inputs");
+            }
+            const ExpScalingBlock m = exp_scaling_block(sk, zk);
+            for (unsigned i = 0; i < 3; ++i) {
+                for (unsigned j = 0; j < 3; ++j) blocks[9 * k + 3 * i + j] = m.entry(i, j);
+            }
+        }
+        return [blocks = std::move(blocks)](uint64_t i, uint64_t j) {
+            return i / 3 == j / 3 ? blocks[9 * (i / 3) + 3 * (i % 3) + j % 3] : 0.0;
+        };
+    };
+    fill_hmatrix(layout, args, rows(), rows(), kExpDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -2,96 +2,28 @@
 
 #include <cmath>
 
+#include "cones/math/jacobi.hpp"
 #include "cones/peak.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
 namespace {
 
-// Off-diagonal magnitudes below this count as zero.
-constexpr double kJacobiThreshold = 1e-12;
-
-struct Pivot {
-    double magnitude;
-    uint64_t p;
-    uint64_t q;
-};
-
-// The plane rotation [[c, -s], [s, c]] on coordinates p < q that
-// annihilates A[p][q].
-struct Rotation {
-    uint64_t p;
-    uint64_t q;
-    double c;
-    double s;
-};
-
-Rotation rotation_for(const double* a, uint64_t n, uint64_t p, uint64_t q) {
-    const double theta = 0.5 * std::atan2(2.0 * a[p * n + q], a[q * n + q] - a[p * n + p]);
-    double s = 0.0;
-    double c = 0.0;
-    ::sincos(theta, &s, &c);
-    return {p, q, c, s};
-}
-
-// x[k] <- c x[k] - s y[k] and y[k] <- s x[k] + c y[k], both from the old values.
-void rotate_pair(double* __restrict x, double* __restrict y, uint64_t n, double c, double s) {
-    for (uint64_t k = 0; k < n; ++k) {
-        const double u = x[k];
-        const double w = y[k];
-        x[k] = c * u - s * w;
-        y[k] = s * u + c * w;
-    }
-}
-
-// The same on entries p and q of row k; returns the row.
-inline double* rotate_columns(double* a, uint64_t n, uint64_t k, const Rotation& r) {
-    double* row = a + k * n;
-    const double u = row[r.p];
-    const double w = row[r.q];
-    row[r.p] = r.c * u - r.s * w;
-    row[r.q] = r.s * u + r.c * w;
-    return row;
-}
+using Pivot = JacobiPivot;
+using Rotation = JacobiRotation;
 
 // A <- R A R^T: rows p and q first, then columns p and q of the result.
 // The search sees each row above q right after its upper-triangle entries
 // in columns p and q changed, while they are at hand.
 template <class Search>
 void rotate_matrix(double* a, uint64_t n, const Rotation& r, Search& search) {
-    rotate_pair(a + r.p * n, a + r.q * n, n, r.c, r.s);
+    jacobi_rotate_pair(a + r.p * n, a + r.q * n, n, r.c, r.s);
     uint64_t k = 0;
-    for (; k < r.p; ++k) search.columns_pq_changed(k, rotate_columns(a, n, k, r), r);
-    rotate_columns(a, n, k++, r);
-    for (; k < r.q; ++k) search.column_q_changed(k, rotate_columns(a, n, k, r), r);
-    for (; k < n; ++k) rotate_columns(a, n, k, r);
+    for (; k < r.p; ++k) search.columns_pq_changed(k, jacobi_rotate_columns(a, n, k, r), r);
+    jacobi_rotate_columns(a, n, k++, r);
+    for (; k < r.q; ++k) search.column_q_changed(k, jacobi_rotate_columns(a, n, k, r), r);
+    for (; k < n; ++k) jacobi_rotate_columns(a, n, k, r);
 }
-
-// Pivot search by a scan of the whole upper triangle after every rotation.
-class FullScan {
-public:
-    FullScan(const double* a, uint64_t n) : a_(a), n_(n) {}
-
-    Pivot largest() const {
-        Pivot best{0.0, 0, 1};
-        for (uint64_t i = 0; i + 1 < n_; ++i) {
-            const double* row = a_ + i * n_;
-            for (uint64_t j = i + 1; j < n_; ++j) {
-                const double v = std::fabs(row[j]);
-                if (v > best.magnitude) best = {v, i, j};
-            }
-        }
-        return best;
-    }
-
-    void columns_pq_changed(uint64_t, const double*, const Rotation&) {}
-    void column_q_changed(uint64_t, const double*, const Rotation&) {}
-    void rotated(const Rotation&) {}
-
-private:
-    const double* a_;
-    uint64_t n_;
-};
 
 // Pivot search from per-row maxima of the upper triangle. For row r, max_[r]
 // is the largest |A[r][j]| over j > r (NaN ignored, 0 when none is positive)
@@ -181,25 +113,9 @@ private:
     std::vector<uint64_t> arg_;
 };
 
-template <class Search>
-void run_jacobi(std::vector<double>& a_store, std::vector<double>& v, uint64_t n) {
-    v.assign(n * n, 0.0);
-    for (uint64_t i = 0; i < n; ++i) v[i * n + i] = 1.0;
-    if (n <= 1) return;
-    double* a = a_store.data();
-    // The eigenvectors are kept as rows of V^T, so that each rotation
-    // updates two contiguous rows; V is its transpose at the end.
-    std::vector<double> vt(v);
-    Search search(a, n);
-    const uint64_t limit = 32 * n * n;
-    for (uint64_t t = 0; t < limit; ++t) {
-        const Pivot pivot = search.largest();
-        if (pivot.magnitude < kJacobiThreshold) break;
-        const Rotation rot = rotation_for(a, n, pivot.p, pivot.q);
-        rotate_matrix(a, n, rot, search);
-        rotate_pair(vt.data() + rot.p * n, vt.data() + rot.q * n, n, rot.c, rot.s);
-        search.rotated(rot);
-    }
+// V as the transpose of V^T.
+void transpose_into(const std::vector<double>& vt, std::vector<double>& v, uint64_t n) {
+    v.resize(n * n);
     for (uint64_t i = 0; i < n; ++i) {
         for (uint64_t j = 0; j < n; ++j) v[i * n + j] = vt[j * n + i];
     }
@@ -207,12 +123,31 @@ void run_jacobi(std::vector<double>& a_store, std::vector<double>& v, uint64_t n
 
 }  // namespace
 
-void jacobi_eigh(std::vector<double>& a, std::vector<double>& v, uint64_t n) {
-    run_jacobi<RowMaxima>(a, v, n);
+void jacobi_eigh(std::vector<double>& a_store, std::vector<double>& v, uint64_t n) {
+    // The eigenvectors are kept as rows of V^T, so that each rotation
+    // updates two contiguous rows; V is its transpose at the end.
+    std::vector<double> vt(n * n, 0.0);
+    for (uint64_t i = 0; i < n; ++i) vt[i * n + i] = 1.0;
+    if (n > 1) {
+        double* a = a_store.data();
+        RowMaxima search(a, n);
+        const uint64_t limit = jacobi_rotation_limit(n);
+        for (uint64_t t = 0; t < limit; ++t) {
+            const Pivot pivot = search.largest();
+            if (pivot.magnitude < kJacobiThreshold) break;
+            const Rotation rot = jacobi_rotation(a, n, pivot.p, pivot.q);
+            rotate_matrix(a, n, rot, search);
+            jacobi_rotate_pair(vt.data() + rot.p * n, vt.data() + rot.q * n, n, rot.c, rot.s);
+            search.rotated(rot);
+        }
+    }
+    transpose_into(vt, v, n);
 }
 
 void jacobi_eigh_full_scan(std::vector<double>& a, std::vector<double>& v, uint64_t n) {
-    run_jacobi<FullScan>(a, v, n);
+    std::vector<double> vt(n * n);
+    jacobi_eigh_full_scan_into(a.data(), vt.data(), n);
+    transpose_into(vt, v, n);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -6,6 +6,7 @@
 
 #include "cones/dense.hpp"
 #include "cones/dispatch.hpp"
+#include "cones/hmatrix_fill.hpp"
 #include "cones/math/nonnegative.hpp"
 #include "cones/pair_checks.hpp"
 #include "cones/parallel.hpp"
@@ -17,6 +18,11 @@ namespace {
 constexpr const char* kScalingLabel = "nonnegative NT scaling";
 constexpr const char* kNotPositive =
     "nonnegative NT scaling requires strictly positive interior inputs";
+constexpr const char* kFillNotPositive =
+    "nonnegative sparse H fill requires strictly positive inputs";
+
+constexpr HmatrixDeviceFills kNonnegativeDeviceFills{dravik_nonnegative_hmatrix_csr_cuda,
+                                                     dravik_nonnegative_hmatrix_coo_cuda};
 
 // Scan on the calling thread, stopping at the first entry below -atol.
 bool all_above_serial(const double* x, uint64_t n, double atol) {
@@ -117,6 +123,15 @@ void NonnegativeConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const A
                 return zd[b * n + k] / sd[b * n + k];
             });
         });
+}
+
+void NonnegativeConeCpp::hmatrix_values_into(SparseLayout layout,
+                                             const SparseFillArgs& args) const {
+    auto prepare = [this](const double* s, const double* z) {
+        require_positive_pairs(s, z, dim_, kFillNotPositive);
+        return HmatrixDirect{kHmatrixNonnegative, s, z};
+    };
+    fill_hmatrix(layout, args, dim_, dim_, kNonnegativeDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -26,6 +26,9 @@ public:
     void nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
                                       uint64_t batch, uint64_t stream) const;
 
+    // The cone's H block into a caller's CSR or COO value array.
+    void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
+
 private:
     uint64_t dim_;
 };

@@ -47,4 +47,34 @@ void run_nt_batch(const NtBatchViews& v, uint64_t dim, uint64_t batch, uint64_t 
         });
 }
 
+// The four batch forms of a cone with an NT method family, written once:
+// Cone provides dim(), a static nt_methods() (its family) and scale_batch(s,
+// z, output, batch, stream, method), which builds the views and calls
+// run_nt_batch.
+template <class Cone>
+class NtMethodForms {
+public:
+    void nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
+                                      uint64_t batch, uint64_t stream) const {
+        self().scale_batch(s, z, output, batch, stream, NtMethod::Default);
+    }
+    // The device method the batch form picks for this cone and batch size.
+    const char* nt_scaling_matrix_default_method(uint64_t batch) const {
+        return Cone::nt_methods().default_method(self().dim(), batch);
+    }
+    void nt_scaling_matrix_batch_custom_into(const ArrayRef& s, const ArrayRef& z,
+                                             const ArrayRef& output, uint64_t batch,
+                                             uint64_t stream) const {
+        self().scale_batch(s, z, output, batch, stream, NtMethod::Custom);
+    }
+    void nt_scaling_matrix_batch_cublas_into(const ArrayRef& s, const ArrayRef& z,
+                                             const ArrayRef& output, uint64_t batch,
+                                             uint64_t stream) const {
+        self().scale_batch(s, z, output, batch, stream, NtMethod::Cublas);
+    }
+
+private:
+    const Cone& self() const { return static_cast<const Cone&>(*this); }
+};
+
 }  // namespace dravik::mirel::cones::cpp

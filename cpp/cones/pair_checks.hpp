@@ -6,11 +6,9 @@
 #include <cstdint>
 
 #include "cones/errors.hpp"
+#include "cones/math/positivity.hpp"
 
 namespace dravik::mirel::cones::cpp {
-
-// Fails unless 0 < v; written as !(0 >= v) so that NaN passes.
-inline bool positive_or_nan(double v) { return !(0.0 >= v); }
 
 // `message` is a const char* or a std::string; it becomes the error's text.
 template <class PassFn, class Message>

@@ -3,9 +3,14 @@
 #include <cmath>
 #include <vector>
 
+#include "cones/dense.hpp"
 #include "cones/dispatch.hpp"
+#include "cones/hmatrix_fill.hpp"
 #include "cones/jacobi.hpp"
+#include "cones/math/psd_nt.hpp"
 #include "cones/math/svec.hpp"
+#include "cones/nt_methods.hpp"
+#include "cones/psd_nt.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -16,6 +21,22 @@ constexpr uint64_t kDeviceDim = 2;
 
 void require_device_dim(uint64_t dim, const char* message) {
     if (dim != kDeviceDim) fail(message);
+}
+
+constexpr NtMethodFamily kPsdNtMethods{
+    dravik_psd_nt_scaling_default_method_cuda,
+    {dravik_psd_nt_scaling_batch_cuda, dravik_psd_nt_scaling_batch_custom_cuda,
+     dravik_psd_nt_scaling_batch_cublas_cuda},
+    "PSD cuBLAS NT scaling requires CUDA arrays"};
+
+constexpr HmatrixDeviceFills kPsdDeviceFills{dravik_psd_hmatrix_csr_cuda,
+                                             dravik_psd_hmatrix_coo_cuda};
+
+// The custom kernels hold their matrices in private arrays of this order.
+void require_custom_dim(uint64_t dim, NtMethod method) {
+    if (method == NtMethod::Custom && dim > kPsdPrivateOrder) {
+        fail("CUDA PSD custom NT scaling currently supports dim <= 32");
+    }
 }
 
 }  // namespace
@@ -93,6 +114,42 @@ bool PsdConeCpp::contains(const ArrayRef& input, double atol) const {
             return dravik_psd2_contains_cuda(in.data, device, atol);
         },
         [&] { return atol >= psd_violation_host(in.data, dim_); });
+}
+
+std::vector<double> PsdConeCpp::nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const {
+    const DensePair p = dense_pair_views(s, z, rows_);
+    return psd_nt_operator(p.s.data, p.z.data, dim_);
+}
+
+OwnedArray PsdConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
+    const DensePair p = dense_pair_views(s, z, rows_);
+    return dense_matrix_array(psd_nt_operator(p.s.data, p.z.data, dim_), rows_, "PSD NT scaling");
+}
+
+const NtMethodFamily& PsdConeCpp::nt_methods() { return kPsdNtMethods; }
+
+// The batch forms: views (svec lengths) and same-device checks, then the
+// device entry point of the method with the matrix order, or the host's
+// batched path (the custom form on host arrays is the default one).
+void PsdConeCpp::scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
+                             uint64_t batch, uint64_t stream, NtMethod method) const {
+    const NtBatchViews v = nt_batch_views(s, z, output, rows_, batch);
+    run_nt_batch(
+        v, dim_, batch, stream, method, kPsdNtMethods,
+        [this](NtMethod m) { require_custom_dim(dim_, m); },
+        [&] { psd_nt_scaling_batch_host(v.s.data, v.z.data, v.out.data, dim_, batch); });
+}
+
+// The fill prepares W (n x n, the general path and its "matrices" message)
+// and evaluates each written entry from it; the device entry points take the
+// matrix order.
+void PsdConeCpp::hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const {
+    auto prepare = [this](const double* s, const double* z) {
+        return [w = psd_nt_w(s, z, dim_), n = dim_](uint64_t i, uint64_t j) {
+            return HmatrixPsdW{w.data(), n}(i, j);
+        };
+    };
+    fill_hmatrix(layout, args, rows_, dim_, kPsdDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

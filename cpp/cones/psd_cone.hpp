@@ -1,16 +1,20 @@
 // The cone of symmetric positive semidefinite dim x dim matrices, its vectors
 // held in svec form (rows = dim (dim + 1) / 2 entries). Host arrays go through
-// the Jacobi eigen-decomposition on the calling thread; CUDA arrays are
-// supported for dim = 2 through the closed-form 2 x 2 device functions.
+// the Jacobi eigen-decomposition on the calling thread. On CUDA arrays,
+// projection, violation and membership exist for dim = 2 (closed-form 2 x 2
+// device functions), NT scaling batches for every dim up to 128.
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
+#include "bindings/owned_array.hpp"
 #include "bindings/views.hpp"
+#include "cones/nt_methods.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
-class PsdConeCpp {
+class PsdConeCpp : public NtMethodForms<PsdConeCpp> {
 public:
     explicit PsdConeCpp(uint64_t dim);
 
@@ -21,7 +25,23 @@ public:
     double violation(const ArrayRef& input) const;
     bool contains(const ArrayRef& input, double atol) const;
 
+    // NT scaling (H, rows x rows per block). The list and array forms take
+    // the general path for every dim; the batch forms take the batched path
+    // (closed forms for dim 1 and 2) or the device.
+    std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
+    OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
+
+    // The batch forms come from NtMethodForms.
+    static const NtMethodFamily& nt_methods();
+
+    // The cone's H block into a caller's CSR or COO value array.
+    void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
+
 private:
+    friend class NtMethodForms<PsdConeCpp>;
+    void scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output, uint64_t batch,
+                     uint64_t stream, NtMethod method) const;
+
     uint64_t dim_;
     uint64_t rows_;
 };

@@ -5,6 +5,7 @@
 
 #include "cones/dense.hpp"
 #include "cones/dispatch.hpp"
+#include "cones/hmatrix_fill.hpp"
 #include "cones/math/second_order.hpp"
 #include "cones/nt_methods.hpp"
 #include "cones/parallel.hpp"
@@ -45,6 +46,9 @@ constexpr NtMethodFamily kSocNtMethods{
     {dravik_soc_nt_scaling_batch_cuda, dravik_soc_nt_scaling_batch_custom_cuda,
      dravik_soc_nt_scaling_batch_cublas_cuda},
     "SOC cuBLAS NT scaling requires CUDA arrays"};
+
+constexpr HmatrixDeviceFills kSocDeviceFills{dravik_soc_hmatrix_csr_cuda,
+                                             dravik_soc_hmatrix_coo_cuda};
 
 // Items in order; a failing item leaves the earlier ones written and itself
 // and the later ones untouched.
@@ -108,27 +112,7 @@ OwnedArray SecondOrderConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const 
     return dense_matrix_array(soc_nt_scaling_dense(sv.data, zv.data, dim_), dim_, "SOC NT scaling");
 }
 
-void SecondOrderConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
-                                                      const ArrayRef& output, uint64_t batch,
-                                                      uint64_t stream) const {
-    scale_batch(s, z, output, batch, stream, NtMethod::Default);
-}
-
-const char* SecondOrderConeCpp::nt_scaling_matrix_default_method(uint64_t batch) const {
-    return kSocNtMethods.default_method(dim_, batch);
-}
-
-void SecondOrderConeCpp::nt_scaling_matrix_batch_custom_into(const ArrayRef& s, const ArrayRef& z,
-                                                             const ArrayRef& output, uint64_t batch,
-                                                             uint64_t stream) const {
-    scale_batch(s, z, output, batch, stream, NtMethod::Custom);
-}
-
-void SecondOrderConeCpp::nt_scaling_matrix_batch_cublas_into(const ArrayRef& s, const ArrayRef& z,
-                                                             const ArrayRef& output, uint64_t batch,
-                                                             uint64_t stream) const {
-    scale_batch(s, z, output, batch, stream, NtMethod::Cublas);
-}
+const NtMethodFamily& SecondOrderConeCpp::nt_methods() { return kSocNtMethods; }
 
 // The four _into forms: views and same-device checks, then the device entry
 // point of the method, or the host loop.
@@ -138,6 +122,22 @@ void SecondOrderConeCpp::scale_batch(const ArrayRef& s, const ArrayRef& z, const
     run_nt_batch(
         v, dim_, batch, stream, method, kSocNtMethods, [](NtMethod) {},
         [&] { scale_batch_host(v.s.data, v.z.data, v.out.data, dim_, batch); });
+}
+
+// The fill writes entries of W itself, built on the calling thread under the
+// fill's own message.
+void SecondOrderConeCpp::hmatrix_values_into(SparseLayout layout,
+                                             const SparseFillArgs& args) const {
+    auto prepare = [this](const double* s, const double* z) {
+        SocNtScaling scaling(dim_, "SOC sparse H fill requires strictly interior cone vectors",
+                             SocColumnThreads::CallingThread);
+        std::vector<double> w(dim_ * dim_);
+        scaling.write(s, z, w.data());
+        return [w = std::move(w), n = dim_](uint64_t i, uint64_t j) {
+            return HmatrixDense{w.data(), n}(i, j);
+        };
+    };
+    fill_hmatrix(layout, args, dim_, dim_, kSocDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -10,7 +10,7 @@
 
 namespace dravik::mirel::cones::cpp {
 
-class SecondOrderConeCpp {
+class SecondOrderConeCpp : public NtMethodForms<SecondOrderConeCpp> {
 public:
     explicit SecondOrderConeCpp(uint64_t dim);
 
@@ -23,19 +23,15 @@ public:
 
     std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
     OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
-    void nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
-                                      uint64_t batch, uint64_t stream) const;
 
-    // The device method the batch form picks for this dim and batch size.
-    const char* nt_scaling_matrix_default_method(uint64_t batch) const;
-    void nt_scaling_matrix_batch_custom_into(const ArrayRef& s, const ArrayRef& z,
-                                             const ArrayRef& output, uint64_t batch,
-                                             uint64_t stream) const;
-    void nt_scaling_matrix_batch_cublas_into(const ArrayRef& s, const ArrayRef& z,
-                                             const ArrayRef& output, uint64_t batch,
-                                             uint64_t stream) const;
+    // The batch forms come from NtMethodForms.
+    static const NtMethodFamily& nt_methods();
+
+    // The cone's H block into a caller's CSR or COO value array.
+    void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
 
 private:
+    friend class NtMethodForms<SecondOrderConeCpp>;
     void scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output, uint64_t batch,
                      uint64_t stream, NtMethod method) const;
 

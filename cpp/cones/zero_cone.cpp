@@ -5,6 +5,8 @@
 
 #include "cones/dense.hpp"
 #include "cones/dispatch.hpp"
+#include "cones/hmatrix_fill.hpp"
+#include "cones/pair_checks.hpp"
 #include "cones/parallel.hpp"
 
 namespace dravik::mirel::cones::cpp {
@@ -16,6 +18,27 @@ constexpr double kZeroTolerance = 1e-10;
 bool is_zero_vector(const double* v, uint64_t n) {
     return !(std::sqrt(sum_of_squares(v, n)) > kZeroTolerance);
 }
+
+// The sparse fill asks for exact zeros: -0.0 passes, NaN and any nonzero fail.
+bool exactly_zero(double v) { return v == 0.0; }
+
+constexpr const char* kFillNotZero =
+    "zero-cone sparse H fill requires zero primal and dual inputs";
+
+// The zero cone's entry points take no s and z.
+constexpr HmatrixDeviceFills kZeroDeviceFills{
+    [](const double*, const double*, const int64_t* indptr, const int64_t* indices,
+       double* values, size_t nnz, size_t dim, size_t row_offset, int device,
+       cudaStream_t stream) {
+        dravik_zero_hmatrix_csr_cuda(indptr, indices, values, nnz, dim, row_offset, device,
+                                     stream);
+    },
+    [](const double*, const double*, const int64_t* row_indices, const int64_t* col_indices,
+       double* values, size_t nnz, size_t dim, size_t row_offset, int device,
+       cudaStream_t stream) {
+        dravik_zero_hmatrix_coo_cuda(row_indices, col_indices, values, nnz, dim, row_offset,
+                                     device, stream);
+    }};
 
 }  // namespace
 
@@ -90,6 +113,14 @@ void ZeroConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef
             require_zero_pair(sv.data, zv.data, n * batch);
             fill_diagonal_blocks(out.data, n, batch, [](uint64_t, uint64_t) { return 1.0; });
         });
+}
+
+void ZeroConeCpp::hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const {
+    auto prepare = [this](const double* s, const double* z) {
+        require_pairs(s, z, dim_, exactly_zero, kFillNotZero);
+        return HmatrixDirect{kHmatrixZero, nullptr, nullptr};
+    };
+    fill_hmatrix(layout, args, dim_, dim_, kZeroDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -88,12 +88,97 @@ DRAVIK_CUDA_API void dravik_soc_nt_scaling_batch_cublas_cuda(const double* s, co
                                                              double* out, size_t dim, size_t batch,
                                                              int device, cudaStream_t stream);
 
+/* Sparse Hessian fills: the cone's H block written into the `nnz` values of
+ * a caller's CSR (indptr, indices) or COO (row_indices, col_indices) matrix,
+ * at rows and columns [row_offset, row_offset + rows). Entries of the
+ * block's rows get H inside its columns and 0.0 outside them; other rows are
+ * left alone. dim is the cone's dimension (3 m for m exponential blocks, the
+ * matrix order for PSD).
+ * Neither the inputs nor the pattern are validated: positions outside
+ * [0, nnz) and the rows of a decreasing indptr are skipped, negative indices
+ * lie outside every block, and indptr must hold row_offset + rows + 1
+ * entries. */
+DRAVIK_CUDA_API void dravik_zero_hmatrix_csr_cuda(const int64_t* indptr, const int64_t* indices,
+                                                  double* values, size_t nnz, size_t dim,
+                                                  size_t row_offset, int device,
+                                                  cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_zero_hmatrix_coo_cuda(const int64_t* row_indices,
+                                                  const int64_t* col_indices, double* values,
+                                                  size_t nnz, size_t dim, size_t row_offset,
+                                                  int device, cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_nonnegative_hmatrix_csr_cuda(const double* s, const double* z,
+                                                         const int64_t* indptr,
+                                                         const int64_t* indices, double* values,
+                                                         size_t nnz, size_t dim,
+                                                         size_t row_offset, int device,
+                                                         cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_nonnegative_hmatrix_coo_cuda(const double* s, const double* z,
+                                                         const int64_t* row_indices,
+                                                         const int64_t* col_indices,
+                                                         double* values, size_t nnz, size_t dim,
+                                                         size_t row_offset, int device,
+                                                         cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_soc_hmatrix_csr_cuda(const double* s, const double* z,
+                                                 const int64_t* indptr, const int64_t* indices,
+                                                 double* values, size_t nnz, size_t dim,
+                                                 size_t row_offset, int device,
+                                                 cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_soc_hmatrix_coo_cuda(const double* s, const double* z,
+                                                 const int64_t* row_indices,
+                                                 const int64_t* col_indices, double* values,
+                                                 size_t nnz, size_t dim, size_t row_offset,
+                                                 int device, cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_exp_hmatrix_csr_cuda(const double* s, const double* z,
+                                                 const int64_t* indptr, const int64_t* indices,
+                                                 double* values, size_t nnz, size_t dim,
+                                                 size_t row_offset, int device,
+                                                 cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_exp_hmatrix_coo_cuda(const double* s, const double* z,
+                                                 const int64_t* row_indices,
+                                                 const int64_t* col_indices, double* values,
+                                                 size_t nnz, size_t dim, size_t row_offset,
+                                                 int device, cudaStream_t stream);
+/* PSD: dim is the matrix order n, the block has n (n + 1) / 2 rows. */
+DRAVIK_CUDA_API void dravik_psd_hmatrix_csr_cuda(const double* s, const double* z,
+                                                 const int64_t* indptr, const int64_t* indices,
+                                                 double* values, size_t nnz, size_t dim,
+                                                 size_t row_offset, int device,
+                                                 cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_psd_hmatrix_coo_cuda(const double* s, const double* z,
+                                                 const int64_t* row_indices,
+                                                 const int64_t* col_indices, double* values,
+                                                 size_t nnz, size_t dim, size_t row_offset,
+                                                 int device, cudaStream_t stream);
+
 /* PSD packing of `batch` matrices: dense dim x dim blocks <-> svec runs of
  * dim (dim + 1) / 2 entries. */
 DRAVIK_CUDA_API void dravik_psd_svec_cuda(const double* matrix, double* svec, size_t dim,
                                           size_t batch, int device, cudaStream_t stream);
 DRAVIK_CUDA_API void dravik_psd_smat_cuda(const double* svec, double* matrix, size_t dim,
                                           size_t batch, int device, cudaStream_t stream);
+
+/* PSD NT scaling of `batch` svec pairs (s, z) of dim (dim + 1) / 2 entries
+ * each, dim being the matrix order. The method the batch function picks for
+ * (dim, batch), "analytic", "custom" or "cublas" (pure, needs no device);
+ * the batch of H blocks (rows x rows, rows = dim (dim + 1) / 2) by that
+ * method, forced onto the custom kernels (dim <= 32) or onto the cuBLAS and
+ * cuSOLVER path (dim <= 128); and the W blocks (dim x dim, dim 3 to 128)
+ * that the PSD Hessian fills gather from. A block whose s or z is not
+ * positive definite comes out NaN throughout (dim 1: z / s only when both
+ * are positive). */
+DRAVIK_CUDA_API const char* dravik_psd_nt_scaling_default_method_cuda(size_t dim, size_t batch);
+DRAVIK_CUDA_API void dravik_psd_nt_scaling_batch_cuda(const double* s, const double* z, double* out,
+                                                      size_t dim, size_t batch, int device,
+                                                      cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_psd_nt_scaling_batch_custom_cuda(const double* s, const double* z,
+                                                             double* out, size_t dim, size_t batch,
+                                                             int device, cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_psd_nt_scaling_w_cuda(const double* s, const double* z, double* w,
+                                                  size_t dim, size_t batch, int device,
+                                                  cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_psd_nt_scaling_batch_cublas_cuda(const double* s, const double* z,
+                                                             double* out, size_t dim, size_t batch,
+                                                             int device, cudaStream_t stream);
 
 #ifdef __cplusplus
 }

@@ -133,6 +133,17 @@ private:
     cudaStream_t stream_;
 };
 
+// `bytes` copied in stream order, checked as "cudaMemcpyAsync".
+inline void copy_async(void* dst, const void* src, size_t bytes, cudaMemcpyKind kind,
+                       cudaStream_t stream) {
+    check_cuda(cudaMemcpyAsync(dst, src, bytes, kind, stream), "cudaMemcpyAsync");
+}
+
+// Waits for the work enqueued on `stream`, checked as "cudaStreamSynchronize".
+inline void synchronize_stream(cudaStream_t stream) {
+    check_cuda(cudaStreamSynchronize(stream), "cudaStreamSynchronize");
+}
+
 // Blocking device-to-host copy of one double, checked as "cudaMemcpy".
 double copy_to_host(const double* src);
 void synchronize();  // checked as "cudaDeviceSynchronize"

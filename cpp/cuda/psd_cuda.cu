@@ -1,19 +1,36 @@
-// PSD on the device: batched svec/smat conversion. PSD kernels run in blocks
-// of 128 threads.
+// PSD on the device: batched svec/smat conversion and NT scaling. Scaling
+// runs by the closed forms for dim 1 and 2, by the system's own kernels (one
+// thread per cone, its matrices in private 32 x 32 arrays, then one thread
+// per operator entry), or by the library path: strided batched cuBLAS
+// products around the matrix powers, which come from per-cone Jacobi kernels
+// for dim <= 32 and from cuSOLVER's divide-and-conquer solver beyond. The
+// formulas are the host's (cones/math/), so a block that is not positive
+// definite comes out NaN throughout on every path. PSD kernels run in blocks
+// of 128 threads; scratch is taken and released in stream order.
+#include <vector>
+
+#include "cones/errors.hpp"
+#include "cones/math/psd_nt.hpp"
 #include "cones/math/svec.hpp"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
+#include "cuda/library_calls.cuh"
+#include "cuda/psd_method.hpp"
 
 namespace dravik::cuda {
 
 namespace {
 constexpr unsigned kPsdThreads = 128;
 namespace cones = dravik::mirel::cones::cpp;
+
+__device__ size_t thread_index() {
+    return static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+}
 }  // namespace
 
 // One svec entry per thread; only the lower triangle of each block is read.
 __global__ void psd_svec_kernel(const double* matrix, double* svec, size_t dim, size_t batch) {
-    const size_t t = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    const size_t t = thread_index();
     const size_t rows = cones::svec_length(dim);
     if (t >= rows * batch) return;
     const size_t b = t / rows;
@@ -22,13 +39,270 @@ __global__ void psd_svec_kernel(const double* matrix, double* svec, size_t dim, 
 
 // One matrix entry per thread; both triangles are written.
 __global__ void psd_smat_kernel(const double* svec, double* matrix, size_t dim, size_t batch) {
-    const size_t t = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    const size_t t = thread_index();
     const size_t entries = dim * dim;
     if (t >= entries * batch) return;
     const size_t b = t / entries;
     const size_t e = t % entries;
     matrix[t] = cones::smat_entry(svec + b * cones::svec_length(dim), e / dim, e % dim);
 }
+
+// ------------------------------------------------------------ closed forms
+
+// One 1 x 1 block per thread: z / s, NaN unless both are positive.
+__global__ void psd1_nt_scaling_kernel(const double* s, const double* z, double* out,
+                                       size_t batch) {
+    const size_t t = thread_index();
+    if (t < batch) out[t] = cones::psd1_nt_scaling_entry(s[t], z[t]);
+}
+
+// One 2 x 2 block per thread: its 3 x 3 H from the closed-form W.
+__global__ void psd2_nt_scaling_kernel(const double* s, const double* z, double* out,
+                                       size_t batch) {
+    const size_t t = thread_index();
+    if (t < batch) cones::psd2_nt_operator(cones::psd2_nt_w(s + 3 * t, z + 3 * t).w, out + 9 * t);
+}
+
+// --------------------------------------------------------- custom kernels
+
+// One cone per single-thread block: W_b, not symmetrised, into w at b n^2.
+__global__ void psd_general_w_kernel(const double* s, const double* z, double* w, size_t dim,
+                                     size_t batch) {
+    const size_t b = blockIdx.x;
+    if (b >= batch || threadIdx.x != 0) return;
+    const size_t rows = cones::svec_length(dim);
+    cones::psd_nt_w_private(s + b * rows, z + b * rows, dim, w + b * dim * dim);
+}
+
+// One entry of H per thread, from the W of its block.
+__global__ void psd_general_operator_from_w_kernel(const double* w, double* out, size_t dim,
+                                                   size_t batch) {
+    const size_t t = thread_index();
+    const size_t rows = cones::svec_length(dim);
+    const size_t per_block = rows * rows;
+    if (t >= per_block * batch) return;
+    const size_t e = t % per_block;
+    out[t] = cones::psd_nt_operator_entry(w + (t / per_block) * dim * dim, dim, e / rows, e % rows);
+}
+
+// ---------------------------------------------------- library path kernels
+
+// One cone per thread: Z unpacked, S^1/2 and S^-1/2 from one decomposition.
+__global__ void psd_prepare_spd_kernel(const double* s, const double* z, double* zmat,
+                                       double* s_half, double* s_inv_half, size_t dim,
+                                       size_t batch) {
+    const size_t t = thread_index();
+    if (t >= batch) return;
+    double a[cones::kPsdPrivateEntries], vt[cones::kPsdPrivateEntries];
+    double mu[cones::kPsdPrivateOrder];
+    const size_t rows = cones::svec_length(dim);
+    const size_t at = t * dim * dim;
+    cones::smat_unpack_into(z + t * rows, dim, zmat + at);
+    cones::psd_sqrt_pair_private(s + t * rows, dim, a, vt, mu, s_half + at, s_inv_half + at);
+}
+
+// One cone per thread: M^1/2 of the block as it stands (its upper triangle
+// searched for pivots, as on the host).
+__global__ void psd_matrix_sqrt_kernel(const double* m, double* m_half, size_t dim, size_t batch) {
+    const size_t t = thread_index();
+    if (t >= batch) return;
+    double a[cones::kPsdPrivateEntries], vt[cones::kPsdPrivateEntries];
+    double mu[cones::kPsdPrivateOrder];
+    const size_t at = t * dim * dim;
+    cones::psd_matrix_power_private(m + at, dim, 0.5, a, vt, mu, m_half + at);
+}
+
+// One entry of V diag(pow(lambda, p)) V^T per thread, from cuSOLVER's
+// eigenvectors (eigenvector k is the k-th run of dim values) and eigenvalues.
+// Each thread block first forms the dim powers in shared memory.
+__global__ void psd_reconstruct_power_from_eigh_kernel(const double* vectors, const double* values,
+                                                       double* out, size_t dim, double power) {
+    __shared__ double mu[kPsdMaxDim];
+    for (size_t k = threadIdx.x; k < dim; k += blockDim.x) {
+        mu[k] = cones::psd_eigen_power(values[k], power);
+    }
+    __syncthreads();
+    const size_t t = thread_index();
+    if (t < dim * dim) out[t] = cones::psd_power_entry(vectors, 1, dim, mu, dim, t / dim, t % dim);
+}
+
+// w[i][j] = w[j][i] = (w[i][j] + w[j][i]) / 2: the thread of the lower entry
+// of each pair reads both and writes both; the others do nothing.
+__global__ void psd_symmetrize_kernel(double* w, size_t dim, size_t batch) {
+    const size_t t = thread_index();
+    const size_t entries = dim * dim;
+    if (t >= entries * batch) return;
+    const size_t e = t % entries;
+    const size_t i = e / dim;
+    const size_t j = e % dim;
+    if (i <= j) return;
+    double* block = w + (t - e);
+    const double v = 0.5 * (block[i * dim + j] + block[j * dim + i]);
+    block[i * dim + j] = v;
+    block[j * dim + i] = v;
+}
+
+namespace {
+
+// The module's library handles; failures read "<call> failed".
+CublasHandle psd_cublas_handle(StatusWording::Plain);
+CusolverHandle psd_cusolver_handle;
+
+unsigned per_cone_blocks(size_t batch) { return ceil_blocks(batch, kPsdThreads); }
+
+// c_b = x_b y_b, row-major.
+void psd_batched_gemm(const double* x, const double* y, double* c, size_t n, size_t batch,
+                      cudaStream_t stream) {
+    batched_gemm(psd_cublas_handle, x, y, c, n, batch, stream);
+}
+
+// out_b = a_b^p, block by block through cuSOLVER on one reused work matrix
+// and workspace; every block's status is checked once, after all of them.
+void psd_power_cusolver(const double* a, double* out, size_t n, size_t batch, cudaStream_t stream,
+                        double p) {
+    cusolverDnHandle_t handle = psd_cusolver_handle.get();
+    check_cusolver(cusolverDnSetStream(handle, stream), "cusolverDnSetStream");
+    const size_t entries = n * n;
+    const int order = static_cast<int>(n);
+    StreamScratch<double> work(entries, stream);
+    StreamScratch<double> values(n, stream);
+    StreamScratch<int> status(batch, stream);
+    int lwork = 0;
+    check_cusolver(
+        cusolverDnDsyevd_bufferSize(handle, CUSOLVER_EIG_MODE_VECTOR, CUBLAS_FILL_MODE_UPPER, order,
+                                    work.get(), order, values.get(), &lwork),
+        "cusolverDnDsyevd_bufferSize");
+    StreamScratch<double> workspace(static_cast<size_t>(lwork), stream);
+    for (size_t b = 0; b < batch; ++b) {
+        copy_async(work.get(), a + b * entries, entries * sizeof(double), cudaMemcpyDeviceToDevice,
+                   stream);
+        check_cusolver(cusolverDnDsyevd(handle, CUSOLVER_EIG_MODE_VECTOR, CUBLAS_FILL_MODE_UPPER,
+                                        order, work.get(), order, values.get(), workspace.get(),
+                                        lwork, status.get() + b),
+                       "cusolverDnDsyevd");
+        DRAVIK_LAUNCH(psd_reconstruct_power_from_eigh_kernel, ceil_blocks(entries, kPsdThreads),
+                      kPsdThreads, 0, stream, work.get(), values.get(), out + b * entries, n, p);
+    }
+    std::vector<int> info(batch, 0);
+    copy_async(info.data(), status.get(), batch * sizeof(int), cudaMemcpyDeviceToHost, stream);
+    synchronize_stream(stream);
+    for (int v : info) {
+        if (v != 0) mirel::cones::cpp::fail("cusolverDnDsyevd reported nonzero devInfo");
+    }
+    workspace.release();
+    status.release();
+    values.release();
+    work.release();
+}
+
+// W blocks by the library path, symmetrised, for dim <= 32: the powers of S
+// and of M from the Jacobi kernels. Scratch: Zm, Sh, Si, T, M, Mh.
+void psd_w_library_jacobi(const double* s, const double* z, double* w, size_t n, size_t batch,
+                          cudaStream_t stream) {
+    const size_t count = n * n * batch;
+    StreamScratch<double> scratch(6 * count, stream);
+    double* zm = scratch.get();
+    double *sh = zm + count, *si = sh + count, *t = si + count, *m = t + count, *mh = m + count;
+    DRAVIK_LAUNCH(psd_prepare_spd_kernel, per_cone_blocks(batch), kPsdThreads, 0, stream, s, z, zm,
+                  sh, si, n, batch);
+    psd_batched_gemm(sh, zm, t, n, batch, stream);
+    psd_batched_gemm(t, sh, m, n, batch, stream);
+    DRAVIK_LAUNCH(psd_matrix_sqrt_kernel, per_cone_blocks(batch), kPsdThreads, 0, stream, m, mh, n,
+                  batch);
+    psd_batched_gemm(si, mh, t, n, batch, stream);
+    psd_batched_gemm(t, si, w, n, batch, stream);
+    DRAVIK_LAUNCH(psd_symmetrize_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, w,
+                  n, batch);
+    scratch.release();
+}
+
+// The same for dim > 32, the powers from cuSOLVER. Scratch: Sm, Zm, Sh, Si,
+// T, M, Mh.
+void psd_w_library_cusolver(const double* s, const double* z, double* w, size_t n, size_t batch,
+                            cudaStream_t stream) {
+    const size_t count = n * n * batch;
+    StreamScratch<double> scratch(7 * count, stream);
+    double* sm = scratch.get();
+    double *zm = sm + count, *sh = zm + count, *si = sh + count, *t = si + count, *m = t + count,
+           *mh = m + count;
+    DRAVIK_LAUNCH(psd_smat_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, s, sm,
+                  n, batch);
+    DRAVIK_LAUNCH(psd_smat_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, z, zm,
+                  n, batch);
+    psd_power_cusolver(sm, sh, n, batch, stream, 0.5);
+    psd_power_cusolver(sm, si, n, batch, stream, -0.5);
+    psd_batched_gemm(sh, zm, t, n, batch, stream);
+    psd_batched_gemm(t, sh, m, n, batch, stream);
+    psd_power_cusolver(m, mh, n, batch, stream, 0.5);
+    psd_batched_gemm(si, mh, t, n, batch, stream);
+    psd_batched_gemm(t, si, w, n, batch, stream);
+    DRAVIK_LAUNCH(psd_symmetrize_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, w,
+                  n, batch);
+    scratch.release();
+}
+
+void psd_w_library(const double* s, const double* z, double* w, size_t n, size_t batch,
+                   cudaStream_t stream) {
+    if (n <= kPsdCustomMaxDim) {
+        psd_w_library_jacobi(s, z, w, n, batch, stream);
+    } else {
+        psd_w_library_cusolver(s, z, w, n, batch, stream);
+    }
+}
+
+void launch_operator_from_w(const double* w, double* out, size_t n, size_t batch,
+                            cudaStream_t stream) {
+    const size_t rows = mirel::cones::cpp::svec_length(n);
+    DRAVIK_LAUNCH(psd_general_operator_from_w_kernel, ceil_blocks(rows * rows * batch, kPsdThreads),
+                  kPsdThreads, 0, stream, w, out, n, batch);
+}
+
+void launch_general_w(const double* s, const double* z, double* w, size_t n, size_t batch,
+                      cudaStream_t stream) {
+    DRAVIK_LAUNCH(psd_general_w_kernel, static_cast<unsigned>(batch), 1, 0, stream, s, z, w, n,
+                  batch);
+}
+
+// H blocks from W blocks computed into stream-ordered scratch by `make_w`.
+template <class MakeW>
+void operator_through_w(double* out, size_t n, size_t batch, cudaStream_t stream, MakeW make_w) {
+    StreamScratch<double> w(n * n * batch, stream);
+    make_w(w.get());
+    launch_operator_from_w(w.get(), out, n, batch, stream);
+    w.release();
+}
+
+void psd_operator_library(const double* s, const double* z, double* out, size_t n, size_t batch,
+                          cudaStream_t stream) {
+    operator_through_w(out, n, batch, stream,
+                       [&](double* w) { psd_w_library(s, z, w, n, batch, stream); });
+}
+
+void psd_operator_custom(const double* s, const double* z, double* out, size_t n, size_t batch,
+                         cudaStream_t stream) {
+    operator_through_w(out, n, batch, stream,
+                       [&](double* w) { launch_general_w(s, z, w, n, batch, stream); });
+}
+
+// The H blocks of an operator entry point along its route.
+void run_operator(PsdNtRoute route, const double* s, const double* z, double* out, size_t n,
+                  size_t batch, cudaStream_t stream) {
+    switch (route) {
+        case PsdNtRoute::Nothing: return;
+        case PsdNtRoute::Order1:
+            DRAVIK_LAUNCH(psd1_nt_scaling_kernel, per_cone_blocks(batch), kPsdThreads, 0, stream, s,
+                          z, out, batch);
+            return;
+        case PsdNtRoute::Order2:
+            DRAVIK_LAUNCH(psd2_nt_scaling_kernel, per_cone_blocks(batch), kPsdThreads, 0, stream, s,
+                          z, out, batch);
+            return;
+        case PsdNtRoute::Custom: return psd_operator_custom(s, z, out, n, batch, stream);
+        case PsdNtRoute::Library: return psd_operator_library(s, z, out, n, batch, stream);
+    }
+}
+
+}  // namespace
 
 }  // namespace dravik::cuda
 
@@ -52,6 +326,41 @@ void dravik_psd_smat_cuda(const double* svec, double* matrix, size_t dim, size_t
     if (count == 0) return;
     DRAVIK_LAUNCH(psd_smat_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, svec,
                   matrix, dim, batch);
+}
+
+const char* dravik_psd_nt_scaling_default_method_cuda(size_t dim, size_t batch) {
+    return psd_nt_default_method(dim, batch);
+}
+
+void dravik_psd_nt_scaling_batch_cuda(const double* s, const double* z, double* out, size_t dim,
+                                      size_t batch, int device, cudaStream_t stream) {
+    ensure_device(device);
+    run_operator(psd_nt_route(PsdNtEntry::Batch, dim, batch), s, z, out, dim, batch, stream);
+}
+
+void dravik_psd_nt_scaling_batch_custom_cuda(const double* s, const double* z, double* out,
+                                             size_t dim, size_t batch, int device,
+                                             cudaStream_t stream) {
+    ensure_device(device);
+    run_operator(psd_nt_route(PsdNtEntry::Custom, dim, batch), s, z, out, dim, batch, stream);
+}
+
+void dravik_psd_nt_scaling_batch_cublas_cuda(const double* s, const double* z, double* out,
+                                             size_t dim, size_t batch, int device,
+                                             cudaStream_t stream) {
+    ensure_device(device);
+    run_operator(psd_nt_route(PsdNtEntry::Cublas, dim, batch), s, z, out, dim, batch, stream);
+}
+
+void dravik_psd_nt_scaling_w_cuda(const double* s, const double* z, double* w, size_t dim,
+                                  size_t batch, int device, cudaStream_t stream) {
+    ensure_device(device);
+    switch (psd_nt_route(PsdNtEntry::W, dim, batch)) {
+        case PsdNtRoute::Library: return psd_w_library(s, z, w, dim, batch, stream);
+        case PsdNtRoute::Custom: return launch_general_w(s, z, w, dim, batch, stream);
+        default:  // nothing to do (the route refuses dim 1 and 2)
+            return;
+    }
 }
 
 }  // extern "C"

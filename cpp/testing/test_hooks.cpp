@@ -1,12 +1,14 @@
 // _cpp_cuda_test_hooks: a test-only extension, built beside _cpp_cuda by the
 // same project and never shipped with the package. It reaches internals
 // that the module's documented surface does not show: the two Jacobi pivot
-// searches (whose results must agree to the bit), the 2 x 2 closed forms
-// that the device kernels run, on host arrays, and the PSD method rule. It
-// compiles the host sources it needs with the module's floating-point flags,
-// so the bits are the same.
+// searches (whose results must agree to the bit), the 2 x 2 closed forms,
+// the PSD NT scaling formulas and the guarded sparse-fill traversals that
+// the device kernels run, on host arrays, the host's PSD scaling point W,
+// and the PSD device entry points' routes. It compiles the host sources it
+// needs with the module's floating-point flags, so the bits are the same.
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
+#include <nanobind/stl/string.h>
 
 #include <cstdint>
 #include <string>
@@ -14,9 +16,12 @@
 
 #include "cones/errors.hpp"
 #include "cones/jacobi.hpp"
-#include "cones/math/nt_method_rules.hpp"
+#include "cones/math/hmatrix.hpp"
 #include "cones/math/psd2.hpp"
+#include "cones/math/psd_nt.hpp"
 #include "cones/math/svec.hpp"
+#include "cones/psd_nt.hpp"
+#include "cuda/psd_method.hpp"
 
 namespace nb = nanobind;
 using namespace nb::literals;
@@ -25,6 +30,8 @@ namespace cones = dravik::mirel::cones::cpp;
 namespace {
 
 using Input = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+using Output = nb::ndarray<double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+using Index = nb::ndarray<const int64_t, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
 using JacobiFn = void (*)(std::vector<double>&, std::vector<double>&, uint64_t);
 
 // A NumPy array that owns `values` (moved into the capsule that frees it).
@@ -54,6 +61,56 @@ nb::tuple decompose(JacobiFn jacobi, Input matrix, uint64_t n) {
     return nb::make_tuple(owned(std::move(values), {n}), owned(std::move(v), {n, n}));
 }
 
+// The dim x dim matrix `values` as a NumPy array.
+nb::ndarray<nb::numpy, double> square(std::vector<double> values, uint64_t dim) {
+    return owned(std::move(values), {dim, dim});
+}
+
+// One block's NT scaling as the kernels compute it (z / s, the 2 x 2 closed
+// form, or W in private arrays and then the operator entries), NaN where
+// the block is not positive definite.
+std::vector<double> device_block(const double* s, const double* z, uint64_t n) {
+    const uint64_t rows = cones::svec_length(n);
+    std::vector<double> h(rows * rows);
+    if (n == 1) {
+        h[0] = cones::psd1_nt_scaling_entry(s[0], z[0]);
+    } else if (n == 2) {
+        cones::psd2_nt_operator(cones::psd2_nt_w(s, z).w, h.data());
+    } else {
+        std::vector<double> w(n * n);
+        cones::psd_nt_w_private(s, z, n, w.data());
+        for (uint64_t e = 0; e < rows * rows; ++e) {
+            h[e] = cones::psd_nt_operator_entry(w.data(), n, e / rows, e % rows);
+        }
+    }
+    return h;
+}
+
+const char* route_name(dravik::cuda::PsdNtRoute route) {
+    using dravik::cuda::PsdNtRoute;
+    switch (route) {
+        case PsdNtRoute::Nothing: return "nothing";
+        case PsdNtRoute::Order1: return "order1";
+        case PsdNtRoute::Order2: return "order2";
+        case PsdNtRoute::Custom: return "custom";
+        case PsdNtRoute::Library: return "library";
+    }
+    return "";
+}
+
+dravik::cuda::PsdNtEntry entry_named(const std::string& name) {
+    using dravik::cuda::PsdNtEntry;
+    if (name == "batch") return PsdNtEntry::Batch;
+    if (name == "custom") return PsdNtEntry::Custom;
+    if (name == "cublas") return PsdNtEntry::Cublas;
+    if (name == "w") return PsdNtEntry::W;
+    cones::fail("unknown entry point " + name);
+}
+
+void require_private_order(uint64_t n) {
+    if (n == 0 || n > cones::kPsdPrivateOrder) cones::fail("dim must be 1 to 32");
+}
+
 }  // namespace
 
 NB_MODULE(_cpp_cuda_test_hooks, m) {
@@ -77,7 +134,94 @@ NB_MODULE(_cpp_cuda_test_hooks, m) {
             return nb::make_tuple(owned(std::move(out), {3}), cones::psd2_violation(svec.data()));
         },
         "svec"_a.noconvert());
-    // The PSD device method rule, as both builds compile it.
-    m.def("psd_nt_scaling_default_method", &cones::psd_nt_scaling_default_method, "dim"_a,
-          "batch"_a);
+    // The host's scaling point W (raises the "matrices" message).
+    m.def(
+        "psd_nt_w",
+        [](Input s, Input z, uint64_t dim) {
+            cones::require_psd_order(dim);
+            require_length(s, cones::svec_length(dim), "s");
+            require_length(z, cones::svec_length(dim), "z");
+            return square(cones::psd_nt_w(s.data(), z.data(), dim), dim);
+        },
+        "s"_a.noconvert(), "z"_a.noconvert(), "dim"_a);
+    // W as the custom kernel computes it, in its private arrays (dim <= 32).
+    m.def(
+        "psd_nt_w_private",
+        [](Input s, Input z, uint64_t dim) {
+            require_private_order(dim);
+            require_length(s, cones::svec_length(dim), "s");
+            require_length(z, cones::svec_length(dim), "z");
+            std::vector<double> w(dim * dim);
+            cones::psd_nt_w_private(s.data(), z.data(), dim, w.data());
+            return square(std::move(w), dim);
+        },
+        "s"_a.noconvert(), "z"_a.noconvert(), "dim"_a);
+    // One block's H as the kernels compute it (dim <= 32), rows x rows.
+    m.def(
+        "psd_nt_block_device",
+        [](Input s, Input z, uint64_t dim) {
+            require_private_order(dim);
+            require_length(s, cones::svec_length(dim), "s");
+            require_length(z, cones::svec_length(dim), "z");
+            return square(device_block(s.data(), z.data(), dim), cones::svec_length(dim));
+        },
+        "s"_a.noconvert(), "z"_a.noconvert(), "dim"_a);
+    // V diag(pow(lambda, p)) V^T as the reconstruction after cuSOLVER forms
+    // it: eigenvector k is the k-th run of dim values of `vectors`.
+    m.def(
+        "psd_power_from_eigenpairs",
+        [](Input vectors, Input values, uint64_t dim, double p) {
+            cones::require_psd_order(dim);
+            require_length(vectors, dim * dim, "vectors");
+            require_length(values, dim, "values");
+            std::vector<double> mu(dim);
+            for (uint64_t k = 0; k < dim; ++k) mu[k] = cones::psd_eigen_power(values.data()[k], p);
+            std::vector<double> out(dim * dim);
+            for (uint64_t e = 0; e < dim * dim; ++e) {
+                out[e] = cones::psd_power_entry(vectors.data(), 1, dim, mu.data(), dim, e / dim,
+                                                e % dim);
+            }
+            return square(std::move(out), dim);
+        },
+        "vectors"_a.noconvert(), "values"_a.noconvert(), "dim"_a, "p"_a);
+    // The route a PSD device entry point ("batch", "custom", "cublas", "w")
+    // takes for (dim, batch), or its size refusal.
+    m.def(
+        "psd_nt_route",
+        [](const std::string& entry, uint64_t dim, uint64_t batch) {
+            return route_name(dravik::cuda::psd_nt_route(entry_named(entry), dim, batch));
+        },
+        "entry"_a, "dim"_a, "batch"_a);
+    m.def(
+        "svec_position",
+        [](uint64_t k) {
+            const cones::SvecPosition at = cones::svec_position(k);
+            return nb::make_tuple(at.row, at.col);
+        },
+        "k"_a);
+    // The direct fill kernels' traversal (no checks, every position bounded
+    // by nnz) run on the host, its work split into `workers` row or entry
+    // strides (CSR rows also into `lanes`) as a launch splits it.
+    m.def(
+        "hmatrix_direct_device_fill",
+        [](bool csr, int kind, Input s, Input z, Index first, Index second, Output values,
+           uint64_t rows, uint64_t row_offset, uint64_t workers, uint64_t lanes) {
+            const cones::HmatrixDirect h{kind, s.data(), z.data()};
+            for (uint64_t w = 0; w < workers; ++w) {
+                if (!csr) {
+                    cones::hmatrix_coo_entries_guarded(first.data(), second.data(), values.data(),
+                                                       values.shape(0), rows, row_offset, h, w,
+                                                       workers);
+                    continue;
+                }
+                for (uint64_t lane = 0; lane < lanes; ++lane) {
+                    cones::hmatrix_csr_rows_guarded(first.data(), second.data(), values.data(),
+                                                    values.shape(0), rows, row_offset, h, w,
+                                                    workers, lane, lanes);
+                }
+            }
+        },
+        "csr"_a, "kind"_a, "s"_a.noconvert(), "z"_a.noconvert(), "first"_a.noconvert(),
+        "second"_a.noconvert(), "values"_a.noconvert(), "rows"_a, "row_offset"_a, "workers"_a,
+        "lanes"_a);
 }

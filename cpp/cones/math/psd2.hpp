@@ -1,13 +1,15 @@
 // Closed forms for one symmetric 2 x 2 matrix [[a, b], [b, c]] given as its
-// svec (a, sqrt(2) b, c): eigenvalues mean +- half_gap, and the projection
-// onto the PSD cone and the distance to it. The device runs these in its
-// one-thread 2 x 2 kernels; the host runs the general Jacobi path instead,
-// which agrees to rounding.
+// svec (a, sqrt(2) b, c): eigenvalues mean +- half_gap, the projection onto
+// the PSD cone and the distance to it, and matrix powers. The device runs the
+// projection and distance in its one-thread 2 x 2 kernels, where the host runs
+// the general Jacobi path instead, which agrees to rounding; the powers serve
+// the 2 x 2 NT scaling of both.
 #pragma once
 
 #include <cmath>
 
 #include "cones/math/host_device.hpp"
+#include "cones/math/positivity.hpp"
 #include "cones/math/svec.hpp"
 
 namespace dravik::mirel::cones::cpp {
@@ -58,6 +60,36 @@ DRAVIK_HD inline void psd2_project(const double* x, double* out) {
     out[0] = e.a * alpha + beta;
     out[1] = (e.b * alpha) * kSqrt2;
     out[2] = e.c * alpha + beta;
+}
+
+// A symmetric 2 x 2 matrix [[a, b], [b, c]].
+struct Psd2Matrix {
+    double a, b, c;
+};
+
+// [[a, b], [b, c]]^p, and whether both eigenvalues passed the test
+// lambda > 0 (NaN passes, as in every positivity test). A matrix that fails
+// comes back as NaN throughout: the host raises, the kernels pass it on.
+struct Psd2Power {
+    Psd2Matrix value;
+    bool positive;
+};
+
+// The power through the two eigenvalues: alpha A + beta I interpolating
+// pow(lambda, p), or pow(upper, p) I when the half-gap is below 1e-14.
+DRAVIK_HD inline Psd2Power psd2_matrix_power(double a, double b, double c, double p) {
+    const Psd2Spectrum e = psd2_spectrum(a, b, c);
+    if (e.upper <= 0.0 || e.lower <= 0.0) {
+        const double mark = not_positive_mark();
+        return {{mark, mark, mark}, false};
+    }
+    const double pu = pow(e.upper, p);
+    const double pl = pow(e.lower, p);
+    if (e.half_gap <= kPsd2TinyGap) return {{pu, 0.0, pu}, true};
+    const double gap = e.upper - e.lower;
+    const double alpha = (pu - pl) / gap;
+    const double beta = (e.upper * pl - e.lower * pu) / gap;
+    return {{a * alpha + beta, b * alpha, c * alpha + beta}, true};
 }
 
 // Frobenius (svec) distance to the cone: the norm of the negative eigenvalues.

@@ -6,6 +6,8 @@
 // r * n + c).
 #pragma once
 
+#include <math.h>
+
 #include <cstdint>
 #include <vector>
 
@@ -27,14 +29,15 @@ struct SvecPosition {
     uint64_t col;
 };
 
+// The row is the largest j with j (j + 1) / 2 <= k, the column what is left
+// of k: the (j, i) that walking the rows (i = k, j = 0; while j < i:
+// i -= j + 1, ++j) ends at. The row is estimated from a square root and then
+// corrected, so it is exact for every k and costs O(1) instead of O(j).
 DRAVIK_HD inline SvecPosition svec_position(uint64_t k) {
-    uint64_t i = k;
-    uint64_t j = 0;
-    while (j < i) {
-        i -= j + 1;
-        ++j;
-    }
-    return {j, i};
+    uint64_t j = static_cast<uint64_t>((sqrt(8.0 * static_cast<double>(k) + 1.0) - 1.0) * 0.5);
+    while (j * (j + 1) / 2 > k) --j;
+    while ((j + 1) * (j + 2) / 2 <= k) ++j;
+    return {j, k - j * (j + 1) / 2};
 }
 
 DRAVIK_HD inline uint64_t svec_index(uint64_t row, uint64_t col) {
