@@ -46,7 +46,7 @@ def host_section(rng):
         report(f"exp NT scaling blocks={blocks} batch={batch}",
                best_time(lambda: cone.nt_scaling_matrix_batch_into(s, z, ours, batch), repeat=5),
                best_time(lambda: numpy_scaling_batch(s, z, peer, blocks, batch), repeat=5),
-               "numpy")
+               "numpy", cone="exponential", operation="NT scaling batch", size=blocks * batch)
 
 
 def device_section(rng):
@@ -63,7 +63,8 @@ def device_section(rng):
         on_device = gpu.timed(lambda: cone.nt_scaling_matrix_batch_into(ds, dz, dout, batch))
         report(f"exp NT scaling device blocks={blocks} batch={batch}", on_device,
                best_time(lambda: cone.nt_scaling_matrix_batch_into(s, z, host_out, batch)),
-               "host")
+               "host", cone="exponential", operation="NT scaling batch", size=blocks * batch,
+               where="gpu")
 
 
 def main():

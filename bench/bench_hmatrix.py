@@ -76,7 +76,7 @@ def host_section(cones):
     peer = best_time(lambda: scipy_refresh(cones, peer_values), repeat=5)
     np.testing.assert_array_equal(ours_values, peer_values)
     report(f"KKT H refresh host CSR nnz={pattern.nnz} ({len(cones)} fills)", ours, peer,
-           "scipy")
+           "scipy", cone="KKT refresh", operation="CSR fill", size=pattern.nnz)
     return indptr, indices, peer_values, peer
 
 
@@ -91,7 +91,8 @@ def gpu_section(cones, indptr, indices, expected, scipy_time):
     values = gpu.empty(len(expected))
     ours = gpu.timed(lambda: fill_all(on_device, d_indptr, d_indices, values), repeat=5, number=1)
     np.testing.assert_allclose(gpu.to_host(values), expected, rtol=1e-11, atol=1e-12)
-    report(f"KKT H refresh GPU CSR ({gpu.name} arrays) vs host scipy", ours, scipy_time, "scipy")
+    report(f"KKT H refresh GPU CSR ({gpu.name} arrays) vs host scipy", ours, scipy_time, "scipy",
+           cone="KKT refresh", operation="CSR fill", size=len(expected), where="gpu")
 
 
 def main():

@@ -1,7 +1,7 @@
 """Host Jacobi eigen-solver: the per-row-maxima pivot search against the
 full upper-triangle scan (timed interleaved, in one run, outputs checked
-identical bit for bit), and the PSD projection against a NumPy
-eigh-based projection."""
+identical bit for bit). The PSD projection that uses it is timed in
+bench_operations."""
 import time
 
 import numpy as np
@@ -38,37 +38,15 @@ def jacobi_ratios(rng):
         same = all(np.array_equal(x, y) for x, y in zip(fast, full))
         ours, peer = interleaved_best([lambda: hooks.jacobi_eigh(a, n),
                                        lambda: hooks.jacobi_eigh_reference(a, n)])
-        ratios[n] = report(f"jacobi_eigh n={n} (identical: {same})", ours, peer, "full scan")
+        ratios[n] = report(f"jacobi_eigh n={n} (identical: {same})", ours, peer, "full scan",
+                           cone="PSD", operation="Jacobi pivot search", size=n)
         if not same:
             raise SystemExit(f"jacobi_eigh differs from the full scan at n={n}")
     print(f"jacobi_eigh speed-up over the full scan: n=50 x{ratios[50]:.2f}, "
           f"n=100 x{ratios[100]:.2f}")
 
 
-def numpy_projection(x, n):
-    rows, cols = np.tril_indices(n)
-    scale = np.where(rows == cols, 1.0, np.sqrt(2.0))
-    a = np.zeros((n, n))
-    a[rows, cols] = x / scale
-    a = a + np.tril(a, -1).T
-    w, v = np.linalg.eigh(a)
-    return ((v * np.maximum(w, 0.0)) @ v.T)[rows, cols] * scale
-
-
-def projection(rng):
-    for n in (3, 10, 50):
-        cone = m.PsdConeCpp(n)
-        a = rng.standard_normal((n, n))
-        x = m.psd_svec((a + a.T).ravel(), n)
-        out = np.empty(cone.rows)
-        cone.project_into(x, out)
-        assert np.allclose(out, numpy_projection(x, n), atol=1e-10)
-        report(f"PSD project_into dim={n}", best_time(lambda: cone.project_into(x, out), number=5),
-               best_time(lambda: numpy_projection(x, n), number=5), "numpy eigh")
-
-
 def main():
     rng = np.random.default_rng(0)
     jacobi_ratios(rng)
-    projection(rng)
 

@@ -78,7 +78,8 @@ def host_section(rng):
                                                                    batch), repeat=3)
         peer = best_time(lambda: nt_operator_formula(np, s, z, tables, peer_out, chunk), repeat=3)
         np.testing.assert_allclose(out, peer_out, rtol=0, atol=1e-10 * np.abs(peer_out).max())
-        report(f"PSD NT scaling host dim={n} batch={batch}", ours, peer, "numpy eigh")
+        report(f"PSD NT scaling host dim={n} batch={batch}", ours, peer, "numpy eigh", cone="PSD",
+               operation="NT scaling batch", size=n)
 
 
 def device_tables(gpu, n):
@@ -126,7 +127,8 @@ def gpu_section(rng):
         for label in ("custom", "library"):
             if label in times:
                 report(f"PSD NT scaling GPU H {label} dim={n} batch={batch}", times[label],
-                       times[gpu.name], gpu.name)
+                       times[gpu.name], gpu.name, cone="PSD", operation=f"NT scaling H {label}",
+                       size=n, where="gpu")
         best = min(times, key=times.get)
         winners.append(f"H dim={n}: {best}")
 
@@ -137,7 +139,8 @@ def gpu_section(rng):
         w = gpu.empty(n * n * batch)
         ours = timed(w_function(gpu, ds, dz, w, n, batch))
         peer = timed(lambda: nt_w_formula(gpu.xp, ds, dz, tables))
-        report(f"PSD NT scaling GPU W library dim={n} batch={batch}", ours, peer, gpu.name)
+        report(f"PSD NT scaling GPU W library dim={n} batch={batch}", ours, peer, gpu.name,
+               cone="PSD", operation="NT scaling W library", size=n, where="gpu")
         winners.append(f"W dim={n}: {'library' if ours < peer else gpu.name}")
     print("fastest: " + "; ".join(winners))
 

@@ -73,7 +73,8 @@ def host_section(rng):
     peer = best_time(lambda: nt_scaling_formulas(np, s, z, reflect), repeat=5)
     np.testing.assert_allclose(out.reshape(batch, dim, dim), nt_scaling_formulas(np, s, z, reflect),
                                rtol=1e-9, atol=1e-11)
-    report(f"SOC NT scaling host dim={dim} batch={batch}", ours, peer, "numpy")
+    report(f"SOC NT scaling host dim={dim} batch={batch}", ours, peer, "numpy",
+           cone="second-order", operation="NT scaling batch", size=dim)
 
 
 def gpu_section(rng):
@@ -98,7 +99,9 @@ def gpu_section(rng):
         cublas = timed(lambda: cone.nt_scaling_matrix_batch_cublas_into(flat_s, flat_z, out, batch))
         peer = timed(lambda: nt_scaling_formulas(xp, ds, dz, reflect))
         for label, ours in (("custom", custom), ("cublas", cublas)):
-            report(f"SOC NT scaling GPU {label} dim={dim} batch={batch}", ours, peer, gpu.name)
+            report(f"SOC NT scaling GPU {label} dim={dim} batch={batch}", ours, peer, gpu.name,
+                   cone="second-order", operation=f"NT scaling {label}", size=dim, where="gpu",
+                   nbytes=nbytes, copy_rate=copy_rate)
             print(f"    output {nbytes / ours / 1e9:.1f} GB/s, "
                   f"{100 * nbytes / ours / copy_rate:.1f}% of the copy bandwidth")
 

@@ -11,7 +11,8 @@ def main():
         x = rng.standard_normal(n)
         cone = m.ZeroConeCpp(n)
         report(f"zero violation n={n}", best_time(lambda: cone.violation(x), number=20),
-               best_time(lambda: np.linalg.norm(x), number=20), "numpy")
+               best_time(lambda: np.linalg.norm(x), number=20), "numpy", cone="zero",
+               operation="violation", size=n, nbytes=8 * n)
     dim, batch = 8, 20000
     cone = m.ZeroConeCpp(dim)
     s = np.zeros(dim * batch)
