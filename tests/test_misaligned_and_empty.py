@@ -36,15 +36,34 @@ class Arrays:
     def ro(self, n):
         return self.bad(n, writable=False)
 
+    # Index vectors are read-only, so they are not among the arrays whose
+    # contents the test compares afterwards.
+    def idx(self, n):
+        """A read-only int64 index vector one byte past an 8-byte boundary."""
+        array = np.frombuffer(bytearray(8 * n + 8), dtype=np.int64, count=n, offset=1)
+        array.flags.writeable = False
+        return array
+
+    def good_idx(self, n):
+        return np.zeros(n, dtype=np.int64)
+
 
 ALIGNED = "{} must be 8-byte aligned".format
 
 # (argument kind, call, message). One misaligned argument per call, made by
-# `a.ro` (read-only vector) or `a.bad` (writable vector). Index vectors are
-# taken only by the sparse Hessian fills (indptr, indices, row_indices,
-# col_indices), which are to come: their rows go here, with
-# a.bad(n, dtype=np.int64, writable=False). They share the vectors' check.
+# `a.ro` (read-only vector), `a.bad` (writable vector) or `a.idx` (index
+# vector, taken by the sparse Hessian fills).
 CASES = [
+    ("index", lambda m, a: m.NonnegativeConeCpp(2).hmatrix_csr_values_into(
+        a.ok(2), a.ok(2), a.idx(3), a.good_idx(2), a.ok(2)), ALIGNED("indptr")),
+    ("index", lambda m, a: m.NonnegativeConeCpp(2).hmatrix_csr_values_into(
+        a.ok(2), a.ok(2), a.good_idx(3), a.idx(2), a.ok(2)), ALIGNED("indices")),
+    ("index", lambda m, a: m.ZeroConeCpp(2).hmatrix_coo_values_into(
+        a.ok(2), a.ok(2), a.idx(2), a.good_idx(2), a.ok(2)), ALIGNED("row_indices")),
+    ("index", lambda m, a: m.PsdConeCpp(1).hmatrix_coo_values_into(
+        a.ok(1), a.ok(1), a.good_idx(2), a.idx(2), a.ok(2)), ALIGNED("col_indices")),
+    ("writable", lambda m, a: m.ExponentialConeCpp(1).hmatrix_coo_values_into(
+        a.ok(3), a.ok(3), a.good_idx(2), a.good_idx(2), a.bad(2)), ALIGNED("values")),
     ("read-only", lambda m, a: m.ZeroConeCpp(4).violation(a.ro(4)), ALIGNED("input")),
     ("read-only", lambda m, a: m.PsdConeCpp(2).contains(a.ro(3)), ALIGNED("input")),
     ("read-only", lambda m, a: m.NonnegativeConeCpp(3).project_into(a.ro(3), a.ok(3)),
