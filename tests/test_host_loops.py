@@ -33,6 +33,8 @@ def loop_input(kind, n, rng):
     x = rng.standard_normal(n)
     if kind == "specials":  # NaN, infinities, signed zeros, squares that underflow
         x[::7] = np.resize(SPECIALS, x[::7].size)
+    elif kind == "sparse":  # runs of zero terms between nonzero ones
+        x[rng.random(n) < 0.85] = 0.0
     elif kind == "zeros":
         x[:] = 0.0
         x[1::2] = -0.0
@@ -56,7 +58,7 @@ def references(x, bound, k):
 
 
 @pytest.mark.parametrize("n", [0, 1, 3, 4, 5, 8, 11, 257, 1003])
-@pytest.mark.parametrize("kind", ["normal", "specials", "zeros"])
+@pytest.mark.parametrize("kind", ["normal", "specials", "sparse", "zeros"])
 def test_builds_give_the_in_order_reference_bits(hooks, rng, n, kind):
     x = loop_input(kind, n, rng)
     bound, k = (0.0, 1.0) if kind == "zeros" else (-0.4, 0.37)

@@ -51,7 +51,7 @@ struct HostLoops {
     // start + x[0]^2 + x[1]^2 + ... added left to right.
     double (*sum_sq)(const double* x, uint64_t n, double start);
     // The sums of squares of x and of y (each from 0.0, left to right),
-    // formed side by side.
+    // formed side by side; runs of zero terms cost no additions.
     void (*sum_sq_pair)(const double* x, const double* y, uint64_t n, double* sum_x,
                         double* sum_y);
     // Left-to-right sum of (x[i] < 0 ? x[i]^2 : 0.0) from 0.0: the select is
