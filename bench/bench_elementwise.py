@@ -74,24 +74,27 @@ def np_nonnegative_batch(s, z, out, dim, batch):
 def elementwise_cases(n, rng):
     """(cone, operation, ours, numpy) at size n, and the input (n doubles)."""
     x = rng.standard_normal(n)  # mixed signs
-    out, scratch = np.empty(n), np.empty(n)
+    # Each side writes its own output: an array the other side has just
+    # written sits dirty in the calling core's cache, and a team thread on
+    # another core would pay for fetching it.
+    out, peer_out, scratch = np.empty(n), np.empty(n), np.empty(n)
     inside, tiny = np.abs(x), x * 1e-9  # members: no early exit on either side
     between = x.copy()
     between[0] = 0.3 * np.linalg.norm(x[1:])  # neither cone: the full work
     nn, zero, soc = m.NonnegativeConeCpp(n), m.ZeroConeCpp(n), m.SecondOrderConeCpp(n)
     return [
         ("nonnegative", "project_into", lambda: nn.project_into(x, out),
-         lambda: np.maximum(x, 0.0, out=out)),
+         lambda: np.maximum(x, 0.0, out=peer_out)),
         ("nonnegative", "violation", lambda: nn.violation(x),
          lambda: np.sqrt(np.sum(np.minimum(x, 0.0) ** 2))),
         ("nonnegative", "contains", lambda: nn.contains(inside, ATOL),
          lambda: np.all(inside >= -ATOL)),
-        ("zero", "project_into", lambda: zero.project_into(x, out), lambda: out.fill(0.0)),
+        ("zero", "project_into", lambda: zero.project_into(x, out), lambda: peer_out.fill(0.0)),
         ("zero", "violation", lambda: zero.violation(x), lambda: np.linalg.norm(x)),
         ("zero", "contains", lambda: zero.contains(tiny, ATOL),
          lambda: np.all(np.abs(tiny) <= ATOL)),
         ("second-order", "project_into", lambda: soc.project_into(between, out),
-         lambda: np_soc_projection(between, out)),
+         lambda: np_soc_projection(between, peer_out)),
         ("second-order", "violation", lambda: soc.violation(between),
          lambda: np_soc_violation(between, scratch)),
         ("second-order", "contains", lambda: soc.contains(between, ATOL),
@@ -103,17 +106,17 @@ def diagonal_batch_cases(rng, dim=8, batch=20000):
     """(cone, label, ours, numpy, output array) for the zero and nonnegative NT batches."""
     zeros = np.zeros(dim * batch)
     s, z = rng.uniform(0.5, 2.0, dim * batch), rng.uniform(0.5, 2.0, dim * batch)
-    out = np.empty(dim * dim * batch)
+    out, peer_out = np.empty(dim * dim * batch), np.empty(dim * dim * batch)
     zero, nn, eye = m.ZeroConeCpp(dim), m.NonnegativeConeCpp(dim), np.eye(dim)
 
     def np_identities():
-        out.reshape(batch, dim, dim)[:] = eye
+        peer_out.reshape(batch, dim, dim)[:] = eye
 
     label = f"NT batch dim={dim} batch={batch}"
     return [("zero", label, lambda: zero.nt_scaling_matrix_batch_into(zeros, zeros, out, batch),
              np_identities, out),
             ("nonnegative", label, lambda: nn.nt_scaling_matrix_batch_into(s, z, out, batch),
-             lambda: np_nonnegative_batch(s, z, out, dim, batch), out)]
+             lambda: np_nonnegative_batch(s, z, peer_out, dim, batch), out)]
 
 
 def soc_batch_case(rng, dim, batch):
@@ -166,8 +169,7 @@ def run(thread_counts, sizes=SIZES, repeat=7):
                     results[(f"{cone} {operation}", n, threads)] = times
             for cone, label, ours, peer, out in batches:
                 src, dst = np.ones_like(out), np.empty_like(out)
-                times = best_times_interleaved([ours, peer, lambda: np.copyto(dst, src)],
-                                               max(3, repeat // 2))
+                times = best_times_interleaved([ours, peer, lambda: np.copyto(dst, src)], repeat)
                 record(cone, label, None, threads, times, out.nbytes)
                 results[(f"{cone} {label}", None, threads)] = times
     finally:
