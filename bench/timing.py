@@ -28,6 +28,22 @@ def best_time(fn, repeat=7, number=1):
     return best
 
 
+def best_times_interleaved(fns, repeat=7, number=1):
+    """Best wall time per call of each fn, timed in alternation: each round
+    runs `number` calls of every fn in turn, so that a burst of load from
+    other processes falls on all of them alike."""
+    for fn in fns:
+        fn()  # warm-up: first-touch allocation, thread team start
+    best = [float("inf")] * len(fns)
+    for _ in range(repeat):
+        for k, fn in enumerate(fns):
+            start = time.perf_counter()
+            for _ in range(number):
+                fn()
+            best[k] = min(best[k], (time.perf_counter() - start) / number)
+    return best
+
+
 _COPY_RATE = {}
 
 

@@ -41,21 +41,18 @@ OwnedArray diagonal_ratio_array(const double* a, const double* b, uint64_t n, co
 std::vector<double> rank_two_map_values(const double* a, const double* b, uint64_t n,
                                         const char* what);
 
-// A batch of diagonal n x n blocks: the whole output (n * n * batch values)
-// zeroed in one fill, then value(b, k) written at b * n * n + k * (n + 1).
-// Blocks are split among threads by batch item, with one thread whenever
-// n * batch <= 8192.
+// Blocks items.begin .. items.end - 1 of a batch of diagonal n x n blocks
+// (block b at b * n * n): each block is zeroed and value(b, k) written at
+// k * (n + 1) while the block is still in cache. The batch paths run it on
+// the same team as their input tests, each thread on its block of items.
 template <class Value>
-void fill_diagonal_blocks(double* out, uint64_t n, uint64_t batch, Value&& value) {
-    // Nothing to write: no walk over a batch of empty blocks, however large.
-    if (n == 0 || batch == 0) return;
-    std::fill(out, out + n * n * batch, 0.0);
-    const uint64_t threshold = n * batch <= kParallelThreshold ? UINT64_MAX : 0;
-    parallel_blocks(batch, threshold, [&](uint64_t begin, uint64_t end) {
-        for (uint64_t b = begin; b < end; ++b) {
-            for (uint64_t k = 0; k < n; ++k) out[b * n * n + k * (n + 1)] = value(b, k);
-        }
-    });
+void write_diagonal_blocks(double* out, uint64_t n, ItemRange items, Value&& value) {
+    if (n == 0) return;  // no walk over a batch of empty blocks, however large
+    for (uint64_t b = items.begin; b < items.end; ++b) {
+        double* block = out + b * n * n;
+        std::fill(block, block + n * n, 0.0);
+        for (uint64_t k = 0; k < n; ++k) block[k * (n + 1)] = value(b, k);
+    }
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -9,6 +9,7 @@
 #include "cones/hmatrix_fill.hpp"
 #include "cones/math/nonnegative.hpp"
 #include "cones/pair_checks.hpp"
+#include "cones/host_loops.hpp"
 #include "cones/parallel.hpp"
 
 namespace dravik::mirel::cones::cpp {
@@ -24,26 +25,57 @@ constexpr const char* kFillNotPositive =
 constexpr HmatrixDeviceFills kNonnegativeDeviceFills{dravik_nonnegative_hmatrix_csr_cuda,
                                                      dravik_nonnegative_hmatrix_coo_cuda};
 
-// Scan on the calling thread, stopping at the first entry below -atol.
+// Scan on the calling thread, a chunk at a time, stopping at the first
+// chunk holding an entry below -atol.
 bool all_above_serial(const double* x, uint64_t n, double atol) {
-    for (uint64_t i = 0; i < n; ++i) {
-        if (nonnegative_below(x[i], atol)) return false;
-    }
-    return true;
+    const HostLoops& loops = host_loops();
+    return !scan_chunks(
+        n, [&](uint64_t i, uint64_t length) { return loops.any_below(x + i, length, -atol); },
+        [] { return false; });
 }
 
 // Team scan: a shared flag, read and set with relaxed atomics, records that
-// some entry fell below -atol; once it is set no thread tests further.
+// some entry fell below -atol; each thread consults it once per chunk of its
+// block and stops testing once it is set.
 bool all_above_team(const double* x, uint64_t n, double atol) {
+    const HostLoops& loops = host_loops();
     std::atomic<bool> failed{false};
     parallel_blocks(n, kParallelThreshold, [&](uint64_t begin, uint64_t end) {
-        for (uint64_t i = begin; i < end; ++i) {
-            if (!failed.load(std::memory_order_relaxed) && nonnegative_below(x[i], atol)) {
-                failed.store(true, std::memory_order_relaxed);
-            }
-        }
+        const bool below = scan_chunks(
+            end - begin,
+            [&](uint64_t i, uint64_t length) {
+                return loops.any_below(x + begin + i, length, -atol);
+            },
+            [&] { return failed.load(std::memory_order_relaxed); });
+        if (below) failed.store(true, std::memory_order_relaxed);
     });
     return !failed.load(std::memory_order_relaxed);
+}
+
+// The host batch on one team: the positivity test of every s and z entry
+// (each thread its block of the n * batch entries), a barrier, then, when
+// no entry failed, each thread writes its block of diagonal blocks. A
+// failure leaves out untouched and is reported after the join.
+void scale_batch_host(const double* s, const double* z, double* out, uint64_t n, uint64_t batch) {
+    const HostLoops& loops = host_loops();
+    std::atomic<bool> failed{false};
+    in_one_team(n * batch, kParallelThreshold, [&](const Team& team) {
+        const ItemRange entries = team.block(n * batch);
+        const bool bad = scan_chunks(
+            entries.end - entries.begin,
+            [&](uint64_t i, uint64_t length) {
+                const uint64_t at = entries.begin + i;
+                return loops.any_at_most(s + at, length, 0.0) ||
+                       loops.any_at_most(z + at, length, 0.0);
+            },
+            [&] { return failed.load(std::memory_order_relaxed); });
+        if (bad) failed.store(true, std::memory_order_relaxed);
+        team.barrier();
+        if (failed.load(std::memory_order_relaxed)) return;
+        write_diagonal_blocks(out, n, team.block(batch),
+                              [=](uint64_t b, uint64_t k) { return z[b * n + k] / s[b * n + k]; });
+    });
+    if (failed.load()) fail(kNotPositive);
 }
 
 }  // namespace
@@ -60,8 +92,9 @@ void NonnegativeConeCpp::project_into(const ArrayRef& input, const ArrayRef& out
         [&] {
             const double* x = in.data;
             double* o = out.data;
-            parallel_blocks(dim_, kParallelThreshold, [x, o](uint64_t begin, uint64_t end) {
-                for (uint64_t i = begin; i < end; ++i) o[i] = nonnegative_clip(x[i]);
+            const HostLoops& loops = host_loops();
+            parallel_blocks(dim_, kParallelThreshold, [&](uint64_t begin, uint64_t end) {
+                loops.clip_nonnegative(x + begin, o + begin, end - begin);
             });
         });
 }
@@ -72,9 +105,11 @@ double NonnegativeConeCpp::violation(const ArrayRef& input) const {
         in, [&](int device) { return dravik_nonnegative_violation_cuda(in.data, dim_, device); },
         [&] {
             const double* x = in.data;
-            return std::sqrt(parallel_sum(dim_, kParallelThreshold, [x](uint64_t i) {
-                return nonnegative_violation_term(x[i]);
-            }));
+            const HostLoops& loops = host_loops();
+            return std::sqrt(
+                parallel_block_sum(dim_, kParallelThreshold, [&](uint64_t begin, uint64_t end) {
+                    return loops.negative_sum_sq(x + begin, end - begin);
+                }));
         });
 }
 
@@ -115,14 +150,7 @@ void NonnegativeConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const A
             dravik_nonnegative_nt_scaling_batch_cuda(sv.data, zv.data, out.data, n, batch, device,
                                                      as_stream(stream));
         },
-        [&] {
-            const double* sd = sv.data;
-            const double* zd = zv.data;
-            require_positive_pairs(sd, zd, n * batch, kNotPositive);
-            fill_diagonal_blocks(out.data, n, batch, [=](uint64_t b, uint64_t k) {
-                return zd[b * n + k] / sd[b * n + k];
-            });
-        });
+        [&] { scale_batch_host(sv.data, zv.data, out.data, n, batch); });
 }
 
 void NonnegativeConeCpp::hmatrix_values_into(SparseLayout layout,

@@ -13,6 +13,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "cones/host_loops.hpp"
+
 namespace dravik::mirel::cones::cpp {
 
 constexpr uint64_t kParallelThreshold = 8192;   // elementwise loops
@@ -53,6 +55,42 @@ void parallel_blocks(uint64_t n, uint64_t threshold, Body&& body) {
     }
 }
 
+// One parallel region for a call whose loops run back to back: body(team)
+// runs once on every thread of the team (when n > threshold), or once on the
+// calling thread with no region started. Each phase takes this thread's
+// block of its own item count (the rule above, so a phase splits exactly as
+// parallel_blocks would) and team.barrier() separates the phases; starting
+// one team instead of one per loop saves a region start and join per phase.
+class Team {
+public:
+    Team(uint64_t threads, uint64_t thread) : threads_(threads), thread_(thread) {}
+    uint64_t threads() const { return threads_; }
+    uint64_t thread() const { return thread_; }
+    ItemRange block(uint64_t n) const { return block_of(n, threads_, thread_); }
+    // Every thread waits for all the others; no-op for a team of one.
+    void barrier() const {
+        if (threads_ > 1) {
+#pragma omp barrier
+        }
+    }
+
+private:
+    uint64_t threads_;
+    uint64_t thread_;
+};
+
+template <class Body>
+void in_one_team(uint64_t n, uint64_t threshold, Body&& body) {
+    int requested = team_size(n, threshold);
+    if (requested == 1) {
+        body(Team(1, 0));
+        return;
+    }
+#pragma omp parallel num_threads(requested)
+    body(Team(static_cast<uint64_t>(omp_get_num_threads()),
+              static_cast<uint64_t>(omp_get_thread_num())));
+}
+
 inline void atomic_add(std::atomic<double>& total, double value) {
     double seen = total.load(std::memory_order_relaxed);
     while (!total.compare_exchange_weak(seen, seen + value, std::memory_order_relaxed)) {
@@ -71,8 +109,30 @@ double parallel_sum(uint64_t n, uint64_t threshold, Term&& term) {
     return total.load();
 }
 
+// The two-stage total inside a team: this thread's partial goes in with the
+// atomic add, and after the barrier every thread reads the same total.
+inline double team_total(const Team& team, std::atomic<double>& total, double partial) {
+    atomic_add(total, partial);
+    team.barrier();
+    return total.load(std::memory_order_relaxed);
+}
+
+// The two-stage sum whose per-thread partial is partial(begin, end): the
+// terms of the block added in index order (a block loop of host_loops()).
+template <class Partial>
+double parallel_block_sum(uint64_t n, uint64_t threshold, Partial&& partial) {
+    std::atomic<double> total{0.0};
+    parallel_blocks(n, threshold, [&](uint64_t begin, uint64_t end) {
+        atomic_add(total, partial(begin, end));
+    });
+    return total.load();
+}
+
 inline double sum_of_squares(const double* x, uint64_t n) {
-    return parallel_sum(n, kParallelThreshold, [x](uint64_t i) { return x[i] * x[i]; });
+    const HostLoops& loops = host_loops();
+    return parallel_block_sum(n, kParallelThreshold, [&](uint64_t begin, uint64_t end) {
+        return loops.sum_sq(x + begin, end - begin, 0.0);
+    });
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -1,11 +1,14 @@
 #include "cones/second_order_cone.hpp"
 
+#include <atomic>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 
 #include "cones/dense.hpp"
 #include "cones/dispatch.hpp"
 #include "cones/hmatrix_fill.hpp"
+#include "cones/host_loops.hpp"
 #include "cones/math/second_order.hpp"
 #include "cones/nt_methods.hpp"
 #include "cones/parallel.hpp"
@@ -15,29 +18,86 @@ namespace dravik::mirel::cones::cpp {
 
 namespace {
 
-// |x[1..dim-1]|; the sum runs over all dim items (element 0 adds 0) so the
-// team decision and the block split are made on dim.
-double tail_norm(const double* x, uint64_t dim) {
-    return std::sqrt(parallel_sum(dim, kParallelThreshold,
-                                  [x](uint64_t i) { return i == 0 ? 0.0 : x[i] * x[i]; }));
+// This thread's partial of |x[1..dim-1]|^2: its block of all dim items in
+// index order. Element 0 would add 0.0, which changes no partial, so it is
+// skipped; the team decision and the block split are made on dim.
+double tail_partial(const double* x, ItemRange r) {
+    const uint64_t first = r.begin == 0 ? 1 : r.begin;
+    return first < r.end ? host_loops().sum_sq(x + first, r.end - first, 0.0) : 0.0;
 }
 
-// Projection onto the cone; `out` may be `x`: element 0 is read before any
-// write, and every other element is read just before it is written.
-void project_host(const double* x, double* out, uint64_t dim) {
-    const SocProjection rule = soc_projection(x[0], tail_norm(x, dim));
+double tail_norm(const double* x, uint64_t dim) {
+    return std::sqrt(parallel_block_sum(dim, kParallelThreshold, [x](uint64_t begin, uint64_t end) {
+        return tail_partial(x, {begin, end});
+    }));
+}
+
+// The projection rule of x inside a team: the tail norm by the two-stage
+// sum, the barrier, then the rule. x[0] is read before the barrier, so that
+// a thread writing out[0] afterwards cannot race with it when x is out.
+SocProjection projection_rule(const Team& team, const double* x, uint64_t dim,
+                              std::atomic<double>& total) {
+    const double t = x[0];
+    const double r = std::sqrt(team_total(team, total, tail_partial(x, team.block(dim))));
+    return soc_projection(t, r);
+}
+
+bool arrays_overlap(const double* a, const double* b, uint64_t n) {
+    const auto pa = reinterpret_cast<uintptr_t>(a);
+    const auto pb = reinterpret_cast<uintptr_t>(b);
+    return pa < pb + n * sizeof(double) && pb < pa + n * sizeof(double);
+}
+
+// This thread's block of the projection, after projection_rule.
+void write_projection(const Team& team, const SocProjection& rule, const double* x, double* out,
+                      uint64_t dim) {
+    const ItemRange r = team.block(dim);
     switch (rule.kind) {
         case SocProjectionCase::Inside:
-            std::memmove(out, x, dim * sizeof(double));
+            // A copy that tolerates overlap: block by block when the arrays
+            // are disjoint, one move on one thread when they partly overlap.
+            if (out == x) return;
+            if (!arrays_overlap(x, out, dim)) {
+                std::memcpy(out + r.begin, x + r.begin, (r.end - r.begin) * sizeof(double));
+            } else if (team.thread() == 0) {
+                std::memmove(out, x, dim * sizeof(double));
+            }
             return;
         case SocProjectionCase::Polar:
-            std::fill(out, out + dim, 0.0);
+            std::fill(out + r.begin, out + r.end, 0.0);
             return;
+        case SocProjectionCase::Between: {
+            uint64_t first = r.begin;
+            if (first == 0 && r.end > 0) out[first++] = rule.head;
+            host_loops().scale(x + first, out + first, r.end - first, rule.scale);
+            return;
+        }
+    }
+}
+
+// This thread's partial of the violation sum: (x[i] - p[i])^2 over its block
+// in index order, p[i] being the entry the projection writes (x[i] copied,
+// 0.0, or the head and x[i] * scale), formed without storing p.
+double residual_partial(const Team& team, const SocProjection& rule, const double* x,
+                        uint64_t dim) {
+    const HostLoops& loops = host_loops();
+    const ItemRange r = team.block(dim);
+    switch (rule.kind) {
+        case SocProjectionCase::Inside:  // x[i] - x[i]; x[i] * 1.0 is x[i] exactly
+            return loops.residual_sum_sq(x + r.begin, r.end - r.begin, 1.0, 0.0);
+        case SocProjectionCase::Polar:  // x[i] - 0.0 is x[i] exactly
+            return loops.sum_sq(x + r.begin, r.end - r.begin, 0.0);
         case SocProjectionCase::Between:
-            parallel_blocks(dim, kParallelThreshold, [&](uint64_t begin, uint64_t end) {
-                for (uint64_t i = begin; i < end; ++i) out[i] = soc_projected_entry(rule, i, x[i]);
-            });
-            return;
+        default: {
+            uint64_t first = r.begin;
+            double partial = 0.0;
+            if (first == 0 && r.end > 0) {
+                const double head = x[0] - rule.head;
+                partial += head * head;
+                ++first;
+            }
+            return loops.residual_sum_sq(x + first, r.end - first, rule.scale, partial);
+        }
     }
 }
 
@@ -54,8 +114,7 @@ constexpr HmatrixDeviceFills kSocDeviceFills{dravik_soc_hmatrix_csr_cuda,
 // and the later ones untouched.
 void scale_batch_host(const double* s, const double* z, double* out, uint64_t n, uint64_t batch) {
     if (batch == 0) return;
-    SocNtScaling scaling(n);
-    for (uint64_t b = 0; b < batch; ++b) scaling.write(s + b * n, z + b * n, out + b * n * n);
+    SocNtScaling(n).write_batch(s, z, out, batch);
 }
 
 }  // namespace
@@ -73,7 +132,15 @@ void SecondOrderConeCpp::project_into(const ArrayRef& input, const ArrayRef& out
         [&](int device) {
             dravik_soc_project_cuda(in.data, out.data, dim_, device, as_stream(stream));
         },
-        [&] { project_host(in.data, out.data, dim_); });
+        [&] {
+            // One team: the tail norm, a barrier, then this thread's block.
+            const double* x = in.data;
+            double* o = out.data;
+            std::atomic<double> tail{0.0};
+            in_one_team(dim_, kParallelThreshold, [&](const Team& team) {
+                write_projection(team, projection_rule(team, x, dim_, tail), x, o, dim_);
+            });
+        });
 }
 
 double SecondOrderConeCpp::violation(const ArrayRef& input) const {
@@ -81,14 +148,15 @@ double SecondOrderConeCpp::violation(const ArrayRef& input) const {
     return run_on(
         in, [&](int device) { return dravik_soc_violation_cuda(in.data, dim_, device); },
         [&] {
+            // One team: the tail norm, a barrier, then the residual sum.
             const double* x = in.data;
-            std::vector<double> p(dim_, 0.0);
-            project_host(x, p.data(), dim_);
-            const double* q = p.data();
-            return std::sqrt(parallel_sum(dim_, kParallelThreshold, [x, q](uint64_t i) {
-                const double r = x[i] - q[i];
-                return r * r;
-            }));
+            std::atomic<double> tail{0.0};
+            std::atomic<double> total{0.0};
+            in_one_team(dim_, kParallelThreshold, [&](const Team& team) {
+                const SocProjection rule = projection_rule(team, x, dim_, tail);
+                atomic_add(total, residual_partial(team, rule, x, dim_));
+            });
+            return std::sqrt(total.load());
         });
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "cones/host_loops.hpp"
 #include "cones/math/second_order.hpp"
 
 namespace dravik::mirel::cones::cpp {
@@ -24,35 +25,33 @@ constexpr const char* kSocNtNotInterior = "SOC NT scaling requires strictly inte
 // or stay on the calling thread whatever n is (the sparse fills).
 enum class SocColumnThreads { TeamForLargeDims, CallingThread };
 
-// The working vectors of one dimension, reused across the items of a batch.
+// The scratch of one dimension, reused across the items of a batch.
 class SocNtScaling {
 public:
+    // `loops` picks the build of the column loops (tests compare builds).
     explicit SocNtScaling(uint64_t n, const char* not_interior = kSocNtNotInterior,
-                          SocColumnThreads threads = SocColumnThreads::TeamForLargeDims);
+                          SocColumnThreads threads = SocColumnThreads::TeamForLargeDims,
+                          const HostLoops& loops = host_loops());
 
     // Checks s and z (and the intermediate u) for strict interiority, then
     // writes the n x n matrix W row-major into w. A failure throws the
     // not-interior message before w is touched.
     void write(const double* s, const double* z, double* w);
 
+    // Items b = 0 .. batch - 1 in order (s and z at b * n, W at b * n * n),
+    // all on one team: every thread forms the working vectors of an item
+    // itself (the same bits on every thread) and writes its own columns, so
+    // no barrier separates the items. Every thread stops at the first item
+    // that fails its interior tests; the items before it are written, it and
+    // the later ones untouched, and the message is thrown after the join.
+    void write_batch(const double* s, const double* z, double* w, uint64_t batch);
+
 private:
-    // Columns are formed in groups of this many, side by side.
-    static constexpr int kColumnGroup = 4;
-
-    void prepare(const double* s, const double* z);
-    void write_columns(uint64_t begin, uint64_t end, double* scratch, double* w) const;
-    template <int L>
-    void write_column_group(uint64_t j0, double* p, double* v, double* w) const;
-
     uint64_t n_;
     const char* not_interior_;
     uint64_t team_threshold_;  // columns run on one thread up to this n
-    std::vector<double> a_;    // s^-1/2
-    std::vector<double> b_;    // s^1/2
-    std::vector<double> u_;    // P(s^-1/2) z
-    std::vector<double> g_;    // u^1/2
-    SocFactors fa_{}, fb_{}, fg_{};
-    std::vector<double> scratch_;  // per thread: p and v of one column group
+    const HostLoops& loops_;
+    std::vector<double> scratch_;  // per thread: A, B, u, G and one column group
 };
 
 // W of one pair in a new n * n vector, row-major.

@@ -1,12 +1,14 @@
 #include "cones/zero_cone.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 
 #include "cones/dense.hpp"
 #include "cones/dispatch.hpp"
 #include "cones/hmatrix_fill.hpp"
 #include "cones/pair_checks.hpp"
+#include "cones/host_loops.hpp"
 #include "cones/parallel.hpp"
 
 namespace dravik::mirel::cones::cpp {
@@ -14,9 +16,41 @@ namespace dravik::mirel::cones::cpp {
 namespace {
 
 constexpr double kZeroTolerance = 1e-10;
+constexpr const char* kNotZero = "zero-cone NT scaling requires zero primal and dual vectors";
 
-bool is_zero_vector(const double* v, uint64_t n) {
-    return !(std::sqrt(sum_of_squares(v, n)) > kZeroTolerance);
+bool is_zero_total(double sum_of_squares) { return !(std::sqrt(sum_of_squares) > kZeroTolerance); }
+
+// The zero tests of s and z (n entries each) inside a team: each thread sums
+// the squares of its block of both vectors side by side (each sum in index
+// order), the partials go into the two totals, and after the barrier every
+// thread reads the same answer.
+bool zero_pair_in_team(const Team& team, const double* s, const double* z, uint64_t n,
+                       std::atomic<double>& total_s, std::atomic<double>& total_z) {
+    const ItemRange r = team.block(n);
+    double partial_s = 0.0;
+    double partial_z = 0.0;
+    host_loops().sum_sq_pair(s + r.begin, z + r.begin, r.end - r.begin, &partial_s, &partial_z);
+    atomic_add(total_s, partial_s);
+    atomic_add(total_z, partial_z);
+    team.barrier();
+    return is_zero_total(total_s.load(std::memory_order_relaxed)) &&
+           is_zero_total(total_z.load(std::memory_order_relaxed));
+}
+
+// The host batch on one team: the zero tests over all n * batch entries,
+// then, when both pass, each thread writes its block of identity blocks. A
+// failure leaves out untouched and is reported after the join.
+void identity_batch_host(const double* s, const double* z, double* out, uint64_t n,
+                         uint64_t batch) {
+    std::atomic<double> total_s{0.0};
+    std::atomic<double> total_z{0.0};
+    std::atomic<bool> zero{false};
+    in_one_team(n * batch, kParallelThreshold, [&](const Team& team) {
+        if (!zero_pair_in_team(team, s, z, n * batch, total_s, total_z)) return;
+        if (team.thread() == 0) zero.store(true, std::memory_order_relaxed);
+        write_diagonal_blocks(out, n, team.block(batch), [](uint64_t, uint64_t) { return 1.0; });
+    });
+    if (!zero.load()) fail(kNotZero);
 }
 
 // The sparse fill asks for exact zeros: -0.0 passes, NaN and any nonzero fail.
@@ -43,9 +77,14 @@ constexpr HmatrixDeviceFills kZeroDeviceFills{
 }  // namespace
 
 void ZeroConeCpp::require_zero_pair(const double* s, const double* z, uint64_t n) const {
-    if (!is_zero_vector(s, n) || !is_zero_vector(z, n)) {
-        fail("zero-cone NT scaling requires zero primal and dual vectors");
-    }
+    std::atomic<double> total_s{0.0};
+    std::atomic<double> total_z{0.0};
+    std::atomic<bool> zero{false};
+    in_one_team(n, kParallelThreshold, [&](const Team& team) {
+        const bool passed = zero_pair_in_team(team, s, z, n, total_s, total_z);
+        if (team.thread() == 0) zero.store(passed, std::memory_order_relaxed);
+    });
+    if (!zero.load()) fail(kNotZero);
 }
 
 void ZeroConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
@@ -77,10 +116,14 @@ bool ZeroConeCpp::contains(const ArrayRef& input, double atol) const {
     return run_on(
         in, [&](int device) { return dravik_zero_contains_cuda(in.data, dim_, device, atol); },
         [&] {
-            for (uint64_t i = 0; i < dim_; ++i) {
-                if (std::fabs(in.data[i]) > atol) return false;
-            }
-            return true;
+            // On the calling thread, a chunk at a time, stopping at the first
+            // chunk with an entry whose absolute value is above atol.
+            const HostLoops& loops = host_loops();
+            const double* x = in.data;
+            return !scan_chunks(
+                dim_,
+                [&](uint64_t i, uint64_t length) { return loops.any_abs_above(x + i, length, atol); },
+                [] { return false; });
         });
 }
 
@@ -109,10 +152,7 @@ void ZeroConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef
         [&](int device) {
             dravik_zero_nt_scaling_batch_cuda(out.data, n, batch, device, as_stream(stream));
         },
-        [&] {
-            require_zero_pair(sv.data, zv.data, n * batch);
-            fill_diagonal_blocks(out.data, n, batch, [](uint64_t, uint64_t) { return 1.0; });
-        });
+        [&] { identity_batch_host(sv.data, zv.data, out.data, n, batch); });
 }
 
 void ZeroConeCpp::hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const {

@@ -10,11 +10,13 @@
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/string.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "cones/errors.hpp"
+#include "cones/host_loops.hpp"
 #include "cones/jacobi.hpp"
 #include "cones/math/hmatrix.hpp"
 #include "cones/math/psd2.hpp"
@@ -22,6 +24,7 @@
 #include "cones/math/svec.hpp"
 #include "cones/psd_nt.hpp"
 #include "cuda/psd_method.hpp"
+#include "cones/second_order_nt.hpp"
 
 namespace nb = nanobind;
 using namespace nb::literals;
@@ -109,6 +112,54 @@ dravik::cuda::PsdNtEntry entry_named(const std::string& name) {
 
 void require_private_order(uint64_t n) {
     if (n == 0 || n > cones::kPsdPrivateOrder) cones::fail("dim must be 1 to 32");
+}
+
+// The two builds of the host loops (AVX2 and baseline x86-64) must agree to
+// the bit; these run either one by name.
+const cones::HostLoops& loops_named(const std::string& build) {
+    const cones::HostLoops* loops = cones::host_loops_named(build.c_str());
+    if (loops == nullptr) cones::fail("no host loop build " + build + " on this CPU");
+    return *loops;
+}
+
+// Every vector loop of one build over x (y = the reversed x for the paired
+// sums), with `bound` for the membership tests and k for the scaled ones.
+nb::dict host_loop_results(const std::string& build, Input input, double bound, double k) {
+    const cones::HostLoops& loops = loops_named(build);
+    const uint64_t n = input.shape(0);
+    const double* x = input.data();
+    std::vector<double> y(x, x + n), clipped(n), scaled(n);
+    std::reverse(y.begin(), y.end());
+    loops.clip_nonnegative(x, clipped.data(), n);
+    loops.scale(x, scaled.data(), n, k);
+    double sum_x = 0.0, sum_y = 0.0;
+    loops.sum_sq_pair(x, y.data(), n, &sum_x, &sum_y);
+    nb::dict out;
+    out["clip"] = owned(std::move(clipped), {n});
+    out["scale"] = owned(std::move(scaled), {n});
+    out["sum_sq"] = loops.sum_sq(x, n, 0.0);
+    out["sum_sq_from_k"] = loops.sum_sq(x, n, k);
+    out["sum_sq_pair"] = nb::make_tuple(sum_x, sum_y);
+    out["negative_sum_sq"] = loops.negative_sum_sq(x, n);
+    out["residual_sum_sq"] = loops.residual_sum_sq(x, n, k, 0.0);
+    out["residual_sum_sq_from_k"] = loops.residual_sum_sq(x, n, k, k);
+    out["any_below"] = loops.any_below(x, n, bound);
+    out["any_abs_above"] = loops.any_abs_above(x, n, bound);
+    out["any_at_most"] = loops.any_at_most(x, n, bound);
+    return out;
+}
+
+// A batch of second-order W by one build of the column loops, on the OpenMP
+// team from n = 256 on as in the module.
+nb::ndarray<nb::numpy, double> soc_nt_scaling_batch(const std::string& build, Input s, Input z,
+                                                    uint64_t n, uint64_t batch) {
+    require_length(s, n * batch, "s");
+    require_length(z, n * batch, "z");
+    std::vector<double> w(n * n * batch, 0.0);
+    cones::SocNtScaling(n, cones::kSocNtNotInterior, cones::SocColumnThreads::TeamForLargeDims,
+                        loops_named(build))
+        .write_batch(s.data(), z.data(), w.data(), batch);
+    return owned(std::move(w), {batch, n, n});
 }
 
 }  // namespace
@@ -224,4 +275,16 @@ NB_MODULE(_cpp_cuda_test_hooks, m) {
         "csr"_a, "kind"_a, "s"_a.noconvert(), "z"_a.noconvert(), "first"_a.noconvert(),
         "second"_a.noconvert(), "values"_a.noconvert(), "rows"_a, "row_offset"_a, "workers"_a,
         "lanes"_a);
+    m.def("host_loops_in_use", [] { return std::string(cones::host_loops().name); });
+    m.def("host_loop_builds", [] {
+        nb::list names;
+        for (const char* name : {"baseline", "avx2"}) {
+            if (cones::host_loops_named(name) != nullptr) names.append(name);
+        }
+        return names;
+    });
+    m.def("host_loop_results", host_loop_results, "build"_a, "x"_a.noconvert(), "bound"_a,
+          "k"_a);
+    m.def("soc_nt_scaling_batch", soc_nt_scaling_batch, "build"_a, "s"_a.noconvert(),
+          "z"_a.noconvert(), "n"_a, "batch"_a);
 }
