@@ -62,6 +62,19 @@ def soc_sample(kind, dim, rng):
     return x
 
 
+def soc_projection(x, r):
+    """The projection of x onto the cone, given the norm r of its tail."""
+    t = x[0]
+    if t >= r:
+        return x.copy()
+    if -t >= r:
+        return np.zeros_like(x)
+    a = (t + r) * 0.5
+    out = x * (a / r if r > 0 else 0.0)
+    out[0] = a
+    return out
+
+
 def soc_interior(n, rng, margin=0.5):
     x = rng.standard_normal(n)
     x[0] = np.linalg.norm(x[1:]) * (1 + margin) + 0.1

@@ -5,20 +5,12 @@ import math
 import numpy as np
 import pytest
 from cone_cases import projected, sequential_sum
-from samples import soc_sample
+from samples import soc_projection, soc_sample
 
 
 def reference_projection(x):
     """The projection with the tail norm summed in index order, as one thread does."""
-    t, r = x[0], math.sqrt(sequential_sum(float(v) * float(v) for v in x[1:]))
-    if t >= r:
-        return x.copy()
-    if -t >= r:
-        return np.zeros_like(x)
-    a = (t + r) * 0.5
-    out = x * (a / r if r > 0 else 0.0)
-    out[0] = a
-    return out
+    return soc_projection(x, math.sqrt(sequential_sum(float(v) * float(v) for v in x[1:])))
 
 
 def assert_same_up_to_threads(actual, expected, dim):

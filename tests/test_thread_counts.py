@@ -9,8 +9,8 @@ import numpy as np
 import pytest
 from cone_cases import sequential_sum
 from processes import run_python
-from samples import (interior_blocks, project_reference, soc_interior_batch, soc_sample,
-                     violation_reference)
+from samples import (interior_blocks, project_reference, soc_interior_batch, soc_projection,
+                     soc_sample, violation_reference)
 
 
 def exp_mixed(rng, blocks):
@@ -146,18 +146,6 @@ def test_results_do_not_depend_on_the_thread_count(runs):
     assert np.array_equal(one["ZeroConeCppbatch3x5000"], np.tile(np.eye(3).ravel(), 5000))
     for n in (2048, 2049):
         assert np.array_equal(one[f"identity{n}"], np.eye(n))
-
-
-def soc_projection(x, r):
-    t = x[0]
-    if t >= r:
-        return x.copy()
-    if -t >= r:
-        return np.zeros_like(x)
-    a = (t + r) * 0.5
-    out = x * (a / r if r > 0 else 0.0)
-    out[0] = a
-    return out
 
 
 def soc_allowed(x, threads):
