@@ -18,10 +18,10 @@ HEADER = os.path.join(ROOT, "cpp", "cuda", "dravik_cuda.h")
 
 
 def _generator():
-    spec = importlib.util.spec_from_file_location(
+    loader_spec = importlib.util.spec_from_file_location(
         "cpu_stand_ins", os.path.join(ROOT, "scripts", "cpu_stand_ins.py"))
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    module = importlib.util.module_from_spec(loader_spec)
+    loader_spec.loader.exec_module(module)
     return module
 
 
