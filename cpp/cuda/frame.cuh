@@ -86,8 +86,11 @@ class DeviceScratch {
 public:
     DeviceScratch() = default;  // holds nothing
     explicit DeviceScratch(size_t count) : data_(device_alloc(count)) {}
+    // A failed free here (possible only after a sticky error) is not
+    // reported; its status is cleared so the next launch check reports only
+    // its own launch.
     ~DeviceScratch() {
-        if (data_ != nullptr) cudaFree(data_);
+        if (data_ != nullptr && cudaFree(data_) != cudaSuccess) cudaGetLastError();
     }
     DeviceScratch(DeviceScratch&& other) noexcept : data_(std::exchange(other.data_, nullptr)) {}
     DeviceScratch& operator=(DeviceScratch&& other) noexcept {
@@ -119,7 +122,7 @@ public:
         data_ = static_cast<T*>(p);
     }
     ~StreamScratch() {
-        if (data_ != nullptr) cudaFreeAsync(data_, stream_);
+        if (data_ != nullptr && cudaFreeAsync(data_, stream_) != cudaSuccess) cudaGetLastError();
     }
     StreamScratch(const StreamScratch&) = delete;
     StreamScratch& operator=(const StreamScratch&) = delete;

@@ -5,7 +5,9 @@
 // products around the matrix powers, which come from per-cone Jacobi kernels
 // for dim <= 32 and from cuSOLVER's divide-and-conquer solver beyond. The
 // formulas are the host's (cones/math/), so a block that is not positive
-// definite comes out NaN throughout on every path. PSD kernels run in blocks
+// definite comes out NaN throughout on the closed-form, custom and Jacobi
+// library paths; beyond dim 32 cuSOLVER may instead report a nonzero devInfo
+// for such a block, which raises. PSD kernels run in blocks
 // of 128 threads; scratch is taken and released in stream order.
 #include <vector>
 
