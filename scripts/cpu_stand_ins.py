@@ -9,7 +9,7 @@ Each stand-in answers as a machine without a usable device would:
   - dravik_cuda_available: false; dravik_cuda_runtime_version: "none";
   - a method query dravik_<rule>_cuda(dim, batch) (name ending in
     _default_method_cuda): the pure rule <rule>(dim, batch) from
-    cones/math/nt_method_rules.hpp, the one the CUDA build answers with;
+    math/nt_method_rules.hpp, the one the CUDA build answers with;
   - every other function throws "CUDA runtime is required for CUDA cone
     arrays", the message the module gives before it would reach them.
 """
@@ -96,7 +96,7 @@ def generate(header_text, header_include="cuda/dravik_cuda.h"):
         "// time; do not edit. The exported device interface of a build without CUDA.",
         "#include <stdexcept>",
         "",
-        '#include "cones/math/nt_method_rules.hpp"',
+        '#include "math/nt_method_rules.hpp"',
         f'#include "{header_include}"',
         "",
         "namespace {",

@@ -6,7 +6,7 @@
 #include <nanobind/nanobind.h>
 
 #include "bindings/arrays.hpp"
-#include "cones/dense.hpp"
+#include "cones/frame/dense_builders.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

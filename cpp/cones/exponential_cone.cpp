@@ -4,11 +4,11 @@
 #include <atomic>
 #include <cmath>
 
-#include "cones/dense.hpp"
-#include "cones/dispatch.hpp"
-#include "cones/hmatrix_fill.hpp"
-#include "cones/math/exponential.hpp"
-#include "cones/parallel.hpp"
+#include "cones/frame/dense_builders.hpp"
+#include "cones/frame/dispatch.hpp"
+#include "cones/frame/parallel.hpp"
+#include "cones/frame/sparse_fill.hpp"
+#include "math/exponential.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

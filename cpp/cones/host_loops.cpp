@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "cones/math/nonnegative.hpp"
+#include "math/nonnegative.hpp"
 
 // The baseline build's 32-byte vectors only live inside its own inlined
 // helpers; no function visible outside this file takes or returns one.

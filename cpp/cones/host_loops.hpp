@@ -13,7 +13,7 @@
 
 #include <cstdint>
 
-#include "cones/math/second_order.hpp"
+#include "math/second_order.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -4,13 +4,13 @@
 #include <cmath>
 #include <string>
 
-#include "cones/dense.hpp"
-#include "cones/dispatch.hpp"
-#include "cones/hmatrix_fill.hpp"
-#include "cones/math/nonnegative.hpp"
-#include "cones/pair_checks.hpp"
+#include "cones/frame/dense_builders.hpp"
+#include "cones/frame/dispatch.hpp"
+#include "cones/frame/pair_checks.hpp"
+#include "cones/frame/parallel.hpp"
+#include "cones/frame/sparse_fill.hpp"
 #include "cones/host_loops.hpp"
-#include "cones/parallel.hpp"
+#include "math/nonnegative.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

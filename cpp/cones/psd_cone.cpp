@@ -3,14 +3,14 @@
 #include <cmath>
 #include <vector>
 
-#include "cones/dense.hpp"
-#include "cones/dispatch.hpp"
-#include "cones/hmatrix_fill.hpp"
-#include "cones/jacobi.hpp"
-#include "cones/math/psd_nt.hpp"
-#include "cones/math/svec.hpp"
-#include "cones/nt_methods.hpp"
-#include "cones/psd_nt.hpp"
+#include "cones/frame/dense_builders.hpp"
+#include "cones/frame/dispatch.hpp"
+#include "cones/frame/nt_methods.hpp"
+#include "cones/frame/sparse_fill.hpp"
+#include "cones/jacobi_eigh.hpp"
+#include "cones/psd_nt_host.hpp"
+#include "math/psd_nt.hpp"
+#include "math/svec.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <vector>
 
-#include "cones/dense.hpp"
-#include "cones/dispatch.hpp"
-#include "cones/math/svec.hpp"
+#include "cones/frame/dense_builders.hpp"
+#include "cones/frame/dispatch.hpp"
+#include "math/svec.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

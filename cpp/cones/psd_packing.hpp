@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
-#include "bindings/owned_array.hpp"
-#include "bindings/views.hpp"
+#include "core/owned_array.hpp"
+#include "core/views.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -5,14 +5,14 @@
 #include <cstdint>
 #include <cstring>
 
-#include "cones/dense.hpp"
-#include "cones/dispatch.hpp"
-#include "cones/hmatrix_fill.hpp"
+#include "cones/frame/dense_builders.hpp"
+#include "cones/frame/dispatch.hpp"
+#include "cones/frame/nt_methods.hpp"
+#include "cones/frame/parallel.hpp"
+#include "cones/frame/sparse_fill.hpp"
 #include "cones/host_loops.hpp"
-#include "cones/math/second_order.hpp"
-#include "cones/nt_methods.hpp"
-#include "cones/parallel.hpp"
 #include "cones/second_order_nt.hpp"
+#include "math/second_order.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "bindings/owned_array.hpp"
-#include "bindings/views.hpp"
-#include "cones/nt_methods.hpp"
+#include "cones/frame/nt_methods.hpp"
+#include "core/owned_array.hpp"
+#include "core/views.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -2,8 +2,8 @@
 
 #include <atomic>
 
-#include "bindings/views.hpp"
-#include "cones/parallel.hpp"
+#include "cones/frame/parallel.hpp"
+#include "core/views.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "cones/host_loops.hpp"
-#include "cones/math/second_order.hpp"
+#include "math/second_order.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -4,12 +4,12 @@
 #include <atomic>
 #include <cmath>
 
-#include "cones/dense.hpp"
-#include "cones/dispatch.hpp"
-#include "cones/hmatrix_fill.hpp"
-#include "cones/pair_checks.hpp"
+#include "cones/frame/dense_builders.hpp"
+#include "cones/frame/dispatch.hpp"
+#include "cones/frame/pair_checks.hpp"
+#include "cones/frame/parallel.hpp"
+#include "cones/frame/sparse_fill.hpp"
 #include "cones/host_loops.hpp"
-#include "cones/parallel.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -1,11 +1,13 @@
-// Exponential-cone NT scaling on the device: a batch of block-diagonal
+// The exponential cone on the device: projection, violation and membership,
+// one 3-block per thread; and the NT scaling batch of block-diagonal
 // (3m) x (3m) matrices, one thread per output entry. Entries inside block k
 // come from the rank-two map taking block k of s onto block k of z (no
 // interior test, no norm check); every other entry is 0.0.
-#include "cones/math/batch_index.hpp"
-#include "cones/math/exponential.hpp"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
+#include "cuda/reductions.cuh"
+#include "math/batch_index.hpp"
+#include "math/exponential.hpp"
 
 namespace dravik::cuda {
 
@@ -25,6 +27,40 @@ __global__ void exp_nt_scaling_kernel(const double* s, const double* z, double* 
     out[e] = block.entry(static_cast<unsigned>(at.row % 3), static_cast<unsigned>(at.col % 3));
 }
 
+
+namespace cone = dravik::mirel::cones::cpp;
+
+// Exponential cone, one block (x, y, z) per thread.
+__global__ void exp_project_kernel(const double* x, double* out, size_t m) {
+    const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    if (k >= m) return;
+    const cone::ExpBlock v = cone::load_exp_block(x + 3 * k);
+    cone::store_exp_block(out + 3 * k, cone::exp_project_block(v));
+}
+
+// partial[b] is the square root of the thread block's sum of squared terms,
+// so that squaring and adding the partials gives the whole sum.
+__global__ void exp_violation_kernel(const double* x, double* partial, size_t m) {
+    __shared__ double buffer[kThreads];
+    const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    const double term = k < m ? cone::exp_violation_term(cone::load_exp_block(x + 3 * k)) : 0.0;
+    const double total = block_reduce(term, buffer, AddOp{});
+    if (threadIdx.x == 0) partial[blockIdx.x] = sqrt(total);
+}
+
+// partial[b] is 0 when every block of the thread block passes, 1 otherwise.
+__global__ void exp_contains_kernel(const double* x, double* partial, size_t m, double atol) {
+    __shared__ double buffer[kThreads];
+    const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    double flag = -INFINITY;
+    if (k < m) {
+        const cone::ExpBlock v = cone::load_exp_block(x + 3 * k);
+        flag = cone::exp_block_contains(v, atol) ? 0.0 : 1.0;
+    }
+    const double worst = block_reduce(flag, buffer, MaxOp{});
+    if (threadIdx.x == 0) partial[blockIdx.x] = worst;
+}
+
 }  // namespace dravik::cuda
 
 using namespace dravik::cuda;
@@ -38,3 +74,34 @@ extern "C" void dravik_exp_nt_scaling_batch_cuda(const double* s, const double* 
     DRAVIK_LAUNCH(exp_nt_scaling_kernel, ceil_blocks(entries), kThreads, 0, stream, s, z, out, m,
                   batch);
 }
+
+extern "C" {
+
+void dravik_exp_project_cuda(const double* x, double* out, size_t m, int device,
+                             cudaStream_t stream) {
+    ensure_device(device);
+    if (m == 0) return;
+    DRAVIK_LAUNCH(exp_project_kernel, ceil_blocks(m), kThreads, 0, stream, x, out, m);
+}
+
+double dravik_exp_violation_cuda(const double* x, size_t m, int device) {
+    ensure_device(device);
+    if (m == 0) return 0.0;
+    const double sum = from_block_partials<exp_violation_kernel>("exp_violation_kernel", x, m,
+                                                                 sum_of_squared_partials);
+    return std::sqrt(sum);
+}
+
+bool dravik_exp_contains_cuda(const double* x, size_t m, int device, double atol) {
+    ensure_device(device);
+    if (m == 0) return true;
+    const double worst = from_block_partials<exp_contains_kernel>(
+        "exp_contains_kernel", x, m,
+        [](const double* partial, size_t blocks) {
+            return device_max(partial, blocks, kReduceWhole);
+        },
+        atol);
+    return worst == 0.0;  // a NaN maximum is not contained
+}
+
+}  // extern "C"

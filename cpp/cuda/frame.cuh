@@ -151,34 +151,4 @@ inline void synchronize_stream(cudaStream_t stream) {
 double copy_to_host(const double* src);
 void synchronize();  // checked as "cudaDeviceSynchronize"
 
-// What the first pass of a reduction takes of each element x[e]: the sum
-// adds the square of it, the maximum compares the value shown.
-enum ReduceMode : int {
-    kReduceWhole = 0,     // sum: x^2; max: |x| (zero cone)
-    kReduceNegative = 1,  // sum: x^2 where x < 0; max: -x (nonnegative cone)
-    kReduceSkipHead = 2,  // sum only: x^2 except element 0 (second-order tail)
-    kReducePlain = 3,     // sum: x; max: x (later passes combine partials as they are)
-};
-
-// Reductions on the legacy default stream; the value comes back on the host.
-double device_sum_sq(const double* data, size_t count, ReduceMode mode);
-double device_max(const double* data, size_t count, ReduceMode mode);
-
-// The scalar functions whose kernel leaves one partial per thread block:
-// enqueues Kernel(x, partial, count, extra...) over ceil(count / 256) blocks
-// on the legacy default stream, hands the partials to `combine` (a second
-// reduction, which copies its result to the host), frees them and waits for
-// the device.
-template <auto Kernel, class Combine, class... Extra>
-double from_block_partials(const char* name, const double* x, size_t count, Combine combine,
-                           Extra... extra) {
-    const unsigned blocks = ceil_blocks(count);
-    DeviceScratch partial(blocks);
-    launch<Kernel>(name, blocks, kThreads, 0, kLegacyStream, x, partial.get(), count, extra...);
-    const double value = combine(partial.get(), blocks);
-    partial.release();
-    synchronize();
-    return value;
-}
-
 }  // namespace dravik::cuda

@@ -1,23 +1,25 @@
-// PSD on the device: batched svec/smat conversion and NT scaling. Scaling
+// PSD on the device: the closed-form projection, violation and membership of
+// one 2 x 2 matrix, batched svec/smat conversion and NT scaling. Scaling
 // runs by the closed forms for dim 1 and 2, by the system's own kernels (one
 // thread per cone, its matrices in private 32 x 32 arrays, then one thread
 // per operator entry), or by the library path: strided batched cuBLAS
 // products around the matrix powers, which come from per-cone Jacobi kernels
 // for dim <= 32 and from cuSOLVER's divide-and-conquer solver beyond. The
-// formulas are the host's (cones/math/), so a block that is not positive
+// formulas are the host's (math/), so a block that is not positive
 // definite comes out NaN throughout on the closed-form, custom and Jacobi
 // library paths; beyond dim 32 cuSOLVER may instead report a nonzero devInfo
 // for such a block, which raises. PSD kernels run in blocks
 // of 128 threads; scratch is taken and released in stream order.
 #include <vector>
 
-#include "cones/errors.hpp"
-#include "cones/math/psd_nt.hpp"
-#include "cones/math/svec.hpp"
+#include "core/errors.hpp"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
 #include "cuda/library_calls.cuh"
-#include "cuda/psd_method.hpp"
+#include "cuda/psd_routes.hpp"
+#include "math/psd2.hpp"
+#include "math/psd_nt.hpp"
+#include "math/svec.hpp"
 
 namespace dravik::cuda {
 
@@ -306,6 +308,15 @@ void run_operator(PsdNtRoute route, const double* s, const double* z, double* ou
 
 }  // namespace
 
+// One thread for the whole 2 x 2 matrix; out may be x.
+__global__ void psd2_project_kernel(const double* x, double* out) {
+    dravik::mirel::cones::cpp::psd2_project(x, out);
+}
+
+__global__ void psd2_violation_kernel(const double* x, double* result) {
+    *result = dravik::mirel::cones::cpp::psd2_violation(x);
+}
+
 }  // namespace dravik::cuda
 
 using namespace dravik::cuda;
@@ -363,6 +374,30 @@ void dravik_psd_nt_scaling_w_cuda(const double* s, const double* z, double* w, s
         default:  // nothing to do (the route refuses dim 1 and 2)
             return;
     }
+}
+
+}  // extern "C"
+
+extern "C" {
+
+void dravik_psd2_project_cuda(const double* x, double* out, int device, cudaStream_t stream) {
+    ensure_device(device);
+    DRAVIK_LAUNCH(psd2_project_kernel, 1, 1, 0, stream, x, out);
+}
+
+double dravik_psd2_violation_cuda(const double* x, int device) {
+    ensure_device(device);
+    DeviceScratch result(1);
+    DRAVIK_LAUNCH(psd2_violation_kernel, 1, 1, 0, kLegacyStream, x, result.get());
+    const double value = copy_to_host(result.get());
+    result.release();
+    synchronize();
+    return value;
+}
+
+// Device selection is left to the violation it delegates to.
+bool dravik_psd2_contains_cuda(const double* x, int device, double atol) {
+    return atol >= dravik_psd2_violation_cuda(x, device);
 }
 
 }  // extern "C"

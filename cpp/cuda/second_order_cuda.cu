@@ -1,14 +1,16 @@
-// Second-order NT scaling on the device: W = P(B) P(G) P(A) per cone, with
+// The second-order cone on the device: projection, violation and membership
+// (the tail norm by the reductions, then one thread per element); and the NT
+// scaling matrix W = P(B) P(G) P(A) per cone, with
 // A = s^-1/2, B = s^1/2 and G = (P(A) z)^1/2, either column by column in the
 // system's own kernel or as two strided batched products of the three
 // quadratic-representation factors through cuBLAS. Inputs are not checked
 // for interiority: a point outside the cone yields NaN or infinite entries.
-#include "cones/math/nt_method_rules.hpp"
-#include "cones/math/second_order.hpp"
-#include "cuda/block_reduce.cuh"
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
 #include "cuda/library_calls.cuh"
+#include "cuda/reductions.cuh"
+#include "math/nt_method_rules.hpp"
+#include "math/second_order.hpp"
 
 namespace dravik::cuda {
 
@@ -195,6 +197,51 @@ bool cublas_by_default(size_t dim, size_t batch) {
 
 }  // namespace
 
+// ------------------------------------------------------- second-order cone
+
+using mirel::cones::cpp::soc_projected_entry;
+using mirel::cones::cpp::soc_projection;
+using mirel::cones::cpp::SocProjection;
+
+// One thread per element. When input and output are one array, another
+// block may overwrite element 0 before this thread reads it, so the head
+// comes from the host; a one-entry cone runs a single thread, which reads
+// its own head.
+__global__ void soc_project_kernel(const double* x, double* out, size_t dim, double tail_norm,
+                                   double head) {
+    const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    if (e >= dim) return;
+    const double t = dim == 1 ? x[0] : head;
+    out[e] = soc_projected_entry(soc_projection(t, tail_norm), e, x[e]);
+}
+
+// One thread per element of the residual x - P(x); each block writes the
+// square root of its residual's sum of squares, so that the sum of the
+// squared partials is the squared distance.
+__global__ void soc_violation_kernel(const double* x, double* partial, size_t dim,
+                                     double tail_norm) {
+    __shared__ double buffer[kThreads];
+    const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    double square = 0.0;
+    if (e < dim) {
+        const SocProjection rule = soc_projection(x[0], tail_norm);
+        const double residual = x[e] - soc_projected_entry(rule, e, x[e]);
+        square = residual * residual;
+    }
+    const double total = block_reduce(square, buffer, AddOp{});
+    if (threadIdx.x == 0) partial[blockIdx.x] = sqrt(total);
+}
+
+namespace {
+
+// |x[1..dim-1]| on the legacy default stream (the device is synchronised
+// when it returns); 0 without device work for a one-entry cone.
+double soc_tail_norm(const double* x, size_t dim) {
+    return dim <= 1 ? 0.0 : std::sqrt(device_sum_sq(x, dim, kReduceSkipHead));
+}
+
+}  // namespace
+
 }  // namespace dravik::cuda
 
 using namespace dravik::cuda;
@@ -230,6 +277,34 @@ void dravik_soc_nt_scaling_batch_cublas_cuda(const double* s, const double* z, d
     ensure_device(device);
     if (nothing_to_do(dim, batch)) return;
     cublas_in_chunks(s, z, out, dim, batch, stream);
+}
+
+}  // extern "C"
+
+extern "C" {
+
+void dravik_soc_project_cuda(const double* x, double* out, size_t dim, int device,
+                             cudaStream_t stream) {
+    ensure_device(device);
+    if (dim == 0) return;
+    const double r = soc_tail_norm(x, dim);
+    const double head = dim == 1 ? 0.0 : copy_to_host(x);
+    DRAVIK_LAUNCH(soc_project_kernel, ceil_blocks(dim), kThreads, 0, stream, x, out, dim, r, head);
+}
+
+double dravik_soc_violation_cuda(const double* x, size_t dim, int device) {
+    ensure_device(device);
+    if (dim == 0) return 0.0;
+    const double r = soc_tail_norm(x, dim);
+    return std::sqrt(from_block_partials<soc_violation_kernel>("soc_violation_kernel", x, dim,
+                                                               sum_of_squared_partials, r));
+}
+
+bool dravik_soc_contains_cuda(const double* x, size_t dim, int device, double atol) {
+    ensure_device(device);
+    if (dim == 0) return atol >= 0.0;
+    const double t = copy_to_host(x);
+    return t >= soc_tail_norm(x, dim) - atol;
 }
 
 }  // extern "C"

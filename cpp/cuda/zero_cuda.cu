@@ -1,7 +1,9 @@
-// Zero-cone NT scaling on the device: a batch of identity matrices.
-#include "cones/math/batch_index.hpp"
+// The zero cone on the device: projection (zeros), violation and membership
+// through the reductions, and the NT batch of identity matrices.
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
+#include "cuda/reductions.cuh"
+#include "math/batch_index.hpp"
 
 namespace dravik::cuda {
 
@@ -24,3 +26,22 @@ extern "C" void dravik_zero_nt_scaling_batch_cuda(double* out, size_t dim, size_
     DRAVIK_LAUNCH(zero_nt_scaling_kernel, ceil_blocks(entries), kThreads, 0, stream, out, dim,
                   batch);
 }
+
+extern "C" {
+
+void dravik_zero_project_cuda(const double* /*x*/, double* out, size_t n, int device,
+                              cudaStream_t stream) {
+    ensure_device(device);
+    if (n == 0) return;
+    check_cuda(cudaMemsetAsync(out, 0, n * sizeof(double), stream), "cudaMemsetAsync");
+}
+
+double dravik_zero_violation_cuda(const double* x, size_t n, int device) {
+    return elementwise_violation(x, n, device, kReduceWhole);
+}
+
+bool dravik_zero_contains_cuda(const double* x, size_t n, int device, double atol) {
+    return elementwise_contains(x, n, device, atol, kReduceWhole);
+}
+
+}  // extern "C"

@@ -15,16 +15,16 @@
 #include <string>
 #include <vector>
 
-#include "cones/errors.hpp"
 #include "cones/host_loops.hpp"
-#include "cones/jacobi.hpp"
-#include "cones/math/hmatrix.hpp"
-#include "cones/math/psd2.hpp"
-#include "cones/math/psd_nt.hpp"
-#include "cones/math/svec.hpp"
-#include "cones/psd_nt.hpp"
-#include "cuda/psd_method.hpp"
+#include "cones/jacobi_eigh.hpp"
+#include "cones/psd_nt_host.hpp"
 #include "cones/second_order_nt.hpp"
+#include "core/errors.hpp"
+#include "cuda/psd_routes.hpp"
+#include "math/hmatrix.hpp"
+#include "math/psd2.hpp"
+#include "math/psd_nt.hpp"
+#include "math/svec.hpp"
 
 namespace nb = nanobind;
 using namespace nb::literals;

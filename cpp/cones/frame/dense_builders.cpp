@@ -1,12 +1,12 @@
-#include "cones/dense.hpp"
+#include "cones/frame/dense_builders.hpp"
 
 #include <cmath>
 #include <limits>
 #include <string>
 
-#include "cones/math/rank_two.hpp"
-#include "cones/pair_checks.hpp"
-#include "cones/parallel.hpp"
+#include "cones/frame/pair_checks.hpp"
+#include "cones/frame/parallel.hpp"
+#include "math/rank_two.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

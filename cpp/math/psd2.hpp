@@ -8,9 +8,9 @@
 
 #include <cmath>
 
-#include "cones/math/host_device.hpp"
-#include "cones/math/positivity.hpp"
-#include "cones/math/svec.hpp"
+#include "math/host_device.hpp"
+#include "math/positivity.hpp"
+#include "math/svec.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

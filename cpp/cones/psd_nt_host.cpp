@@ -1,11 +1,11 @@
-#include "cones/psd_nt.hpp"
+#include "cones/psd_nt_host.hpp"
 
 #include <algorithm>
 #include <string>
 
-#include "cones/errors.hpp"
-#include "cones/jacobi.hpp"
-#include "cones/math/psd_nt.hpp"
+#include "cones/jacobi_eigh.hpp"
+#include "core/errors.hpp"
+#include "math/psd_nt.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -11,10 +11,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "bindings/views.hpp"
-#include "cones/dispatch.hpp"
-#include "cones/errors.hpp"
-#include "cones/math/hmatrix.hpp"
+#include "cones/frame/dispatch.hpp"
+#include "core/errors.hpp"
+#include "core/views.hpp"
+#include "math/hmatrix.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

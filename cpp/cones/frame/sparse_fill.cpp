@@ -1,4 +1,4 @@
-#include "cones/hmatrix_fill.hpp"
+#include "cones/frame/sparse_fill.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -1,9 +1,8 @@
-#include "bindings/views.hpp"
+#include "core/views.hpp"
 
 #include <cstdint>
 #include <stdexcept>
 
-#include "cuda/dravik_cuda.h"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -57,10 +56,6 @@ void require_same_device(const VectorView& input, const VectorView& output) {
 
 void require_same_input_device(const VectorView& a, const VectorView& b) {
     if (!same_device(a, b)) fail("input vectors must live on the same device");
-}
-
-void require_cuda_runtime() {
-    if (!dravik_cuda_available()) fail("CUDA runtime is required for CUDA cone arrays");
 }
 
 VectorView dense_input_view(const ArrayRef& array, uint64_t length, const char* name) {

@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
-#include "cones/errors.hpp"
-#include "cones/math/positivity.hpp"
+#include "core/errors.hpp"
+#include "math/positivity.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

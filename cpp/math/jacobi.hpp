@@ -1,5 +1,5 @@
 // The classical Jacobi eigen-method on a dense row-major n x n matrix, the
-// pieces written once for the host solver (cones/jacobi.cpp, which adds a
+// pieces written once for the host solver (cones/jacobi_eigh.cpp, which adds a
 // faster pivot search giving the same pivots) and for the PSD kernels, which
 // run the whole method below on their private arrays.
 //
@@ -13,7 +13,7 @@
 
 #include <cstdint>
 
-#include "cones/math/host_device.hpp"
+#include "math/host_device.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -2,7 +2,7 @@
 // the CUDA kernels.
 #pragma once
 
-#include "cones/math/host_device.hpp"
+#include "math/host_device.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

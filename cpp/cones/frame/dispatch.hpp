@@ -6,10 +6,15 @@
 #include <cstdint>
 #include <utility>
 
-#include "bindings/views.hpp"
+#include "core/views.hpp"
 #include "cuda/dravik_cuda.h"
 
 namespace dravik::mirel::cones::cpp {
+
+// CUDA arrays need a usable device; asked of the runtime on every device call.
+inline void require_cuda_runtime() {
+    if (!dravik_cuda_available()) fail("CUDA runtime is required for CUDA cone arrays");
+}
 
 // The Python caller passes a stream as the integer value of its handle.
 inline cudaStream_t as_stream(uint64_t handle) {

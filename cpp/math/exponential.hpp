@@ -7,8 +7,8 @@
 
 #include <cmath>
 
-#include "cones/math/host_device.hpp"
-#include "cones/math/rank_two.hpp"
+#include "math/host_device.hpp"
+#include "math/rank_two.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

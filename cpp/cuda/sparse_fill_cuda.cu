@@ -9,10 +9,10 @@
 //
 // Nothing is validated: non-interior inputs give whatever the formulas give,
 // and a malformed pattern never makes a kernel read or write out of bounds
-// (the guarded traversals of cones/math/hmatrix.hpp).
-#include "cones/math/hmatrix.hpp"
+// (the guarded traversals of math/hmatrix.hpp).
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
+#include "math/hmatrix.hpp"
 
 namespace dravik::cuda {
 

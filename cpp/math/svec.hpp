@@ -11,8 +11,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "cones/errors.hpp"
-#include "cones/math/host_device.hpp"
+#include "core/errors.hpp"
+#include "math/host_device.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -16,11 +16,11 @@
 
 #include <cstdint>
 
-#include "cones/math/host_device.hpp"
-#include "cones/math/jacobi.hpp"
-#include "cones/math/positivity.hpp"
-#include "cones/math/psd2.hpp"
-#include "cones/math/svec.hpp"
+#include "math/host_device.hpp"
+#include "math/jacobi.hpp"
+#include "math/positivity.hpp"
+#include "math/psd2.hpp"
+#include "math/svec.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

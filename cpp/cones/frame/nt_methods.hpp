@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "bindings/views.hpp"
-#include "cones/dispatch.hpp"
+#include "cones/frame/dispatch.hpp"
+#include "core/views.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -7,8 +7,8 @@
 #include <cstddef>
 #include <string>
 
-#include "cones/errors.hpp"
-#include "cones/math/nt_method_rules.hpp"
+#include "core/errors.hpp"
+#include "math/nt_method_rules.hpp"
 
 namespace dravik::cuda {
 

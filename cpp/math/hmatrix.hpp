@@ -9,9 +9,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "cones/math/exponential.hpp"
-#include "cones/math/host_device.hpp"
-#include "cones/math/psd_nt.hpp"
+#include "math/exponential.hpp"
+#include "math/host_device.hpp"
+#include "math/psd_nt.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "cones/errors.hpp"
+#include "core/errors.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -56,7 +56,6 @@ bool same_device(const A& a, const B& b) {
 
 void require_same_device(const VectorView& input, const VectorView& output);
 void require_same_input_device(const VectorView& a, const VectorView& b);
-void require_cuda_runtime();
 
 // Host-only dense arguments: the usual length and device checks, then a
 // refusal of CUDA memory with the message of the helper that needs the host.

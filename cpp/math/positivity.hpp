@@ -4,7 +4,7 @@
 
 #include <math.h>
 
-#include "cones/math/host_device.hpp"
+#include "math/host_device.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -1,8 +1,8 @@
-#include "bindings/owned_array.hpp"
+#include "core/owned_array.hpp"
 
 #include <string>
 
-#include "bindings/views.hpp"
+#include "core/views.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -1,9 +1,9 @@
-#include "cones/jacobi.hpp"
+#include "cones/jacobi_eigh.hpp"
 
 #include <cmath>
 
-#include "cones/math/jacobi.hpp"
-#include "cones/peak.hpp"
+#include "cones/argmax_scan.hpp"
+#include "math/jacobi.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

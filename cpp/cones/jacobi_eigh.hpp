@@ -19,7 +19,7 @@ namespace dravik::mirel::cones::cpp {
 void jacobi_eigh(std::vector<double>& a, std::vector<double>& v, uint64_t n);
 
 // The same rotations, finding each pivot by scanning the whole upper
-// triangle: the method the PSD kernels run (cones/math/jacobi.hpp), kept
+// triangle: the method the PSD kernels run (math/jacobi.hpp), kept
 // here to check jacobi_eigh against, bit for bit, and to time it.
 void jacobi_eigh_full_scan(std::vector<double>& a, std::vector<double>& v, uint64_t n);
 

@@ -7,7 +7,7 @@
 
 #include <cstddef>
 
-#include "cones/math/host_device.hpp"
+#include "math/host_device.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
