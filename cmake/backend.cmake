@@ -1,7 +1,8 @@
 # The device backend: the CUDA modules with cuBLAS and cuSOLVER when a CUDA
 # toolkit is there, or, without one, stand-ins for the exported device
-# interface generated from cpp/cuda/dravik_cuda.h, so that the same host and
-# binding sources build a module that needs no CUDA library at all.
+# interface generated from cpp/cuda/dravik_cuda.h and dravik_kit_cuda.h, so
+# that the same host and binding sources build a module that needs no CUDA
+# library at all.
 #
 #   DRAVIK_CUDA=AUTO (default)  CUDA when a toolkit with nvcc, cuBLAS and
 #                               cuSOLVER is found, the CPU-only module otherwise
@@ -63,16 +64,16 @@ function(dravik_use_backend target)
     # An installed module (pip) still finds cuBLAS and cuSOLVER in the toolkit.
     set_target_properties(${target} PROPERTIES INSTALL_RPATH "${CUDAToolkit_LIBRARY_DIR}")
   else()
-    # Regenerated whenever the header changes, so every function it declares
+    # Regenerated whenever a header changes, so every function they declare
     # has its stand-in.
-    set(header ${CMAKE_SOURCE_DIR}/cpp/cuda/dravik_cuda.h)
+    set(headers ${CMAKE_SOURCE_DIR}/cpp/cuda/dravik_cuda.h ${CMAKE_SOURCE_DIR}/cpp/cuda/dravik_kit_cuda.h)
     set(generator ${CMAKE_SOURCE_DIR}/scripts/cpu_stand_ins.py)
     set(stand_ins ${CMAKE_BINARY_DIR}/generated/dravik_cuda_stand_ins.cpp)
     add_custom_command(
       OUTPUT ${stand_ins}
       COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/generated
-      COMMAND ${Python_EXECUTABLE} ${generator} ${header} ${stand_ins}
-      DEPENDS ${header} ${generator}
+      COMMAND ${Python_EXECUTABLE} ${generator} ${headers} ${stand_ins}
+      DEPENDS ${headers} ${generator}
       COMMENT "Generating the CPU-only stand-ins of the device interface"
       VERBATIM)
     target_sources(${target} PRIVATE ${stand_ins})

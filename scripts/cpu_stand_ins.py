@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Writes the C++ stand-ins of the exported device interface for a build
-without CUDA, from the interface header itself, so that every function the
-header declares (today's and any added later) exists in that build too.
+without CUDA, from the interface headers themselves, so that every function
+they declare (today's and any added later) exists in that build too.
 
-    cpu_stand_ins.py HEADER OUTPUT
+    cpu_stand_ins.py HEADER [HEADER ...] OUTPUT
 
 Each stand-in answers as a machine without a usable device would:
   - dravik_cuda_available: false; dravik_cuda_runtime_version: "none";
@@ -90,14 +90,18 @@ def stand_in(result, name, params):
     return f"{result} {name}({listed}) {{ {code} }}"
 
 
-def generate(header_text, header_include="cuda/dravik_cuda.h"):
+def generate(header_text, header_includes=("cuda/dravik_cuda.h",)):
+    """Stand-ins of every function declared in header_text (the headers'
+    texts joined), in a file that includes each of header_includes."""
     lines = [
-        "// Generated from cpp/cuda/dravik_cuda.h by scripts/cpu_stand_ins.py at build",
-        "// time; do not edit. The exported device interface of a build without CUDA.",
+        "// Generated from the exported interface headers by scripts/cpu_stand_ins.py at",
+        "// build time; do not edit. The exported device interface of a build without CUDA.",
         "#include <stdexcept>",
         "",
         '#include "math/nt_method_rules.hpp"',
-        f'#include "{header_include}"',
+    ]
+    lines += [f'#include "{include}"' for include in header_includes]
+    lines += [
         "",
         "namespace {",
         f'[[noreturn]] void no_cuda() {{ throw std::runtime_error("{MESSAGE}"); }}',
@@ -111,16 +115,25 @@ def generate(header_text, header_include="cuda/dravik_cuda.h"):
     return "\n".join(lines)
 
 
+def include_name(path):
+    """The include path of a header under cpp/ (cpp/cuda/x.h -> cuda/x.h)."""
+    parts = path.replace("\\", "/").split("/")
+    return "/".join(parts[-2:])
+
+
 def main(argv):
-    if len(argv) != 3:
-        sys.exit("usage: cpu_stand_ins.py HEADER OUTPUT")
-    with open(argv[1], encoding="utf-8") as f:
-        text = f.read()
+    if len(argv) < 3:
+        sys.exit("usage: cpu_stand_ins.py HEADER [HEADER ...] OUTPUT")
+    headers, output = argv[1:-1], argv[-1]
+    texts = []
+    for header in headers:
+        with open(header, encoding="utf-8") as f:
+            texts.append(f.read())
     try:
-        code = generate(text)
+        code = generate("\n".join(texts), [include_name(h) for h in headers])
     except HeaderError as error:
-        sys.exit(f"{argv[1]}: {error}")
-    with open(argv[2], "w", encoding="utf-8") as f:
+        sys.exit(f"{', '.join(headers)}: {error}")
+    with open(output, "w", encoding="utf-8") as f:
         f.write(code)
 
 
