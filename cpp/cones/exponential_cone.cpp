@@ -8,7 +8,9 @@
 #include "cones/frame/dispatch.hpp"
 #include "cones/frame/parallel.hpp"
 #include "cones/frame/sparse_fill.hpp"
+#include "cuda/dravik_kit_cuda.h"
 #include "math/exponential.hpp"
+#include "math/exponential_projection.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -120,6 +122,50 @@ bool ExponentialConeCpp::contains(const ArrayRef& input, double atol) const {
         [&] {
             for (uint64_t k = 0; k < blocks_; ++k) {
                 if (!exp_block_contains(load_exp_block(in.data + 3 * k), atol)) return false;
+            }
+            return true;
+        });
+}
+
+void ExponentialConeCpp::project_dual_into(const ArrayRef& input, const ArrayRef& output,
+                                           uint64_t stream) const {
+    const InOutViews io = in_out_views(input, output, rows());
+    const VectorView &in = io.in, &out = io.out;
+    run_on(
+        in,
+        [&](int device) {
+            dravik_exp_project_dual_cuda(in.data, out.data, blocks_, device, as_stream(stream));
+        },
+        [&] {
+            const double* x = in.data;
+            double* o = out.data;
+            // Each block is read whole before it is written: input may be output.
+            parallel_blocks(blocks_, kExpBlockThreshold, [x, o](uint64_t begin, uint64_t end) {
+                for (uint64_t k = begin; k < end; ++k) exp_project_dual_block(x + 3 * k, o + 3 * k);
+            });
+        });
+}
+
+double ExponentialConeCpp::violation_dual(const ArrayRef& input) const {
+    VectorView in = checked_vector_view(input, rows(), "input");
+    return run_on(
+        in, [&](int device) { return dravik_exp_violation_dual_cuda(in.data, blocks_, device); },
+        [&] {
+            const double* x = in.data;
+            return std::sqrt(parallel_sum(blocks_, kExpBlockThreshold, [x](uint64_t k) {
+                return exp_dual_violation_term(load_exp_block(x + 3 * k));
+            }));
+        });
+}
+
+bool ExponentialConeCpp::contains_dual(const ArrayRef& input, double atol) const {
+    VectorView in = checked_vector_view(input, rows(), "input");
+    return run_on(
+        in,
+        [&](int device) { return dravik_exp_contains_dual_cuda(in.data, blocks_, device, atol); },
+        [&] {
+            for (uint64_t k = 0; k < blocks_; ++k) {
+                if (!exp_dual_block_contains(load_exp_block(in.data + 3 * k), atol)) return false;
             }
             return true;
         });

@@ -22,6 +22,12 @@ public:
     double violation(const ArrayRef& input) const;
     bool contains(const ArrayRef& input, double atol) const;
 
+    // The dual cone: Euclidean projection, violation measure and membership,
+    // with the argument checks and threading of the three above.
+    void project_dual_into(const ArrayRef& input, const ArrayRef& output, uint64_t stream) const;
+    double violation_dual(const ArrayRef& input) const;
+    bool contains_dual(const ArrayRef& input, double atol) const;
+
     // Block-diagonal scaling: block k maps the s-block onto the z-block.
     std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
     OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;

@@ -17,6 +17,16 @@
 extern "C" {
 #endif
 
+/* ---- Exponential cone (m blocks of three values): the dual cone. ---- */
+/* Euclidean projection onto the dual cone, one block per thread; x may be out. */
+DRAVIK_CUDA_API void dravik_exp_project_dual_cuda(const double* x, double* out, size_t m,
+                                                  int device, cudaStream_t stream);
+/* The dual violation measure (square root of the sum of the blocks' terms). */
+DRAVIK_CUDA_API double dravik_exp_violation_dual_cuda(const double* x, size_t m, int device);
+/* Whether every block passes the dual membership test with atol. */
+DRAVIK_CUDA_API bool dravik_exp_contains_dual_cuda(const double* x, size_t m, int device,
+                                                   double atol);
+
 #ifdef __cplusplus
 }
 #endif

@@ -4,10 +4,12 @@
 // come from the rank-two map taking block k of s onto block k of z (no
 // interior test, no norm check); every other entry is 0.0.
 #include "cuda/dravik_cuda.h"
+#include "cuda/dravik_kit_cuda.h"
 #include "cuda/frame.cuh"
 #include "cuda/reductions.cuh"
 #include "math/batch_index.hpp"
 #include "math/exponential.hpp"
+#include "math/exponential_projection.hpp"
 
 namespace dravik::cuda {
 
@@ -61,6 +63,35 @@ __global__ void exp_contains_kernel(const double* x, double* partial, size_t m, 
     if (threadIdx.x == 0) partial[blockIdx.x] = worst;
 }
 
+// The dual cone, one block (u, v, w) per thread: Euclidean projection,
+// squared violation terms and membership flags, reduced as above.
+__global__ void exp_project_dual_kernel(const double* x, double* out, size_t m) {
+    const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    if (k >= m) return;
+    cone::exp_project_dual_block(x + 3 * k, out + 3 * k);
+}
+
+__global__ void exp_violation_dual_kernel(const double* x, double* partial, size_t m) {
+    __shared__ double buffer[kThreads];
+    const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    const double term =
+        k < m ? cone::exp_dual_violation_term(cone::load_exp_block(x + 3 * k)) : 0.0;
+    const double total = block_reduce(term, buffer, AddOp{});
+    if (threadIdx.x == 0) partial[blockIdx.x] = sqrt(total);
+}
+
+__global__ void exp_contains_dual_kernel(const double* x, double* partial, size_t m, double atol) {
+    __shared__ double buffer[kThreads];
+    const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    double flag = -INFINITY;
+    if (k < m) {
+        const cone::ExpBlock v = cone::load_exp_block(x + 3 * k);
+        flag = cone::exp_dual_block_contains(v, atol) ? 0.0 : 1.0;
+    }
+    const double worst = block_reduce(flag, buffer, MaxOp{});
+    if (threadIdx.x == 0) partial[blockIdx.x] = worst;
+}
+
 }  // namespace dravik::cuda
 
 using namespace dravik::cuda;
@@ -97,6 +128,37 @@ bool dravik_exp_contains_cuda(const double* x, size_t m, int device, double atol
     if (m == 0) return true;
     const double worst = from_block_partials<exp_contains_kernel>(
         "exp_contains_kernel", x, m,
+        [](const double* partial, size_t blocks) {
+            return device_max(partial, blocks, kReduceWhole);
+        },
+        atol);
+    return worst == 0.0;  // a NaN maximum is not contained
+}
+
+}  // extern "C"
+
+extern "C" {
+
+void dravik_exp_project_dual_cuda(const double* x, double* out, size_t m, int device,
+                                  cudaStream_t stream) {
+    ensure_device(device);
+    if (m == 0) return;
+    DRAVIK_LAUNCH(exp_project_dual_kernel, ceil_blocks(m), kThreads, 0, stream, x, out, m);
+}
+
+double dravik_exp_violation_dual_cuda(const double* x, size_t m, int device) {
+    ensure_device(device);
+    if (m == 0) return 0.0;
+    const double sum = from_block_partials<exp_violation_dual_kernel>(
+        "exp_violation_dual_kernel", x, m, sum_of_squared_partials);
+    return std::sqrt(sum);
+}
+
+bool dravik_exp_contains_dual_cuda(const double* x, size_t m, int device, double atol) {
+    ensure_device(device);
+    if (m == 0) return true;
+    const double worst = from_block_partials<exp_contains_dual_kernel>(
+        "exp_contains_dual_kernel", x, m,
         [](const double* partial, size_t blocks) {
             return device_max(partial, blocks, kReduceWhole);
         },

@@ -80,6 +80,36 @@ DRAVIK_HD inline bool exp_block_interior(ExpBlock v) {
     return v.y > 0.0 && v.z > exp_perspective(v.x, v.y);
 }
 
+// ---------------------------------------------------------------- dual cone
+// The dual cone is the closure of { u < 0, -u * exp(v / u) <= e * w }, whose
+// closure adds the ray set { (0, v, w) : v >= 0, w >= 0 }. A block (u, v, w)
+// is stored in the x, y, z fields. Its rules mirror the primal ones above:
+// -u plays the part of y, and the exponent v / u - 1 is clamped as x / y is.
+
+// -u * exp(clamp(v / u - 1)): the least w with (u, v, w) in the dual cone.
+DRAVIK_HD inline double exp_dual_perspective(double u, double v) {
+    return -u * std::exp(exp_clamp_ratio(v / u - 1.0));
+}
+
+// The block's squared dual violation: (-u exp(v / u - 1) - w)^2 when w falls
+// short and u < 0; otherwise the squared distance to (0, max(v, 0),
+// max(w, 0)) on the ray set, formed as the square of its square root.
+DRAVIK_HD inline double exp_dual_violation_term(ExpBlock d) {
+    if (d.x < 0.0) {
+        const double gap = exp_dual_perspective(d.x, d.y) - d.z;
+        return gap > 0.0 ? gap * gap : 0.0;
+    }
+    const double sq = d.x * d.x + (d.y <= 0.0 ? d.y * d.y : 0.0) + (d.z <= 0.0 ? d.z * d.z : 0.0);
+    const double root = std::sqrt(sq);
+    return root * root;
+}
+
+// Dual membership with tolerance atol; any NaN in a tested quantity fails.
+DRAVIK_HD inline bool exp_dual_block_contains(ExpBlock d, double atol) {
+    if (-d.x > atol) return d.z + atol >= exp_dual_perspective(d.x, d.y);
+    return std::fabs(d.x) <= atol && d.y >= -atol && d.z >= -atol;
+}
+
 DRAVIK_HD inline ExpBlock load_exp_block(const double* p) { return {p[0], p[1], p[2]}; }
 
 DRAVIK_HD inline void store_exp_block(double* p, ExpBlock v) {
