@@ -25,6 +25,7 @@
 #include "math/psd2.hpp"
 #include "math/psd_nt.hpp"
 #include "math/svec.hpp"
+#include "testing/exp_kit_hooks.hpp"
 
 namespace nb = nanobind;
 using namespace nb::literals;
@@ -287,4 +288,5 @@ NB_MODULE(_cpp_cuda_test_hooks, m) {
           "k"_a);
     m.def("soc_nt_scaling_batch", soc_nt_scaling_batch, "build"_a, "s"_a.noconvert(),
           "z"_a.noconvert(), "n"_a, "batch"_a);
+    exp_kit_hooks::register_exp_kit_hooks(m);
 }
