@@ -20,6 +20,7 @@
 
 #include <cstddef>
 
+#include "math/double_double.hpp"
 #include "math/host_device.hpp"
 #include "math/kit.hpp"
 
@@ -53,7 +54,10 @@ DRAVIK_HD inline double sqrt_times_half_power(double x, int k) {
 }
 
 // The strictly interior test and sqrt(det) of x scaled by 2^-exponent:
-// `root` > 0 when x0 > |xbar|.
+// `root` > 0 when x0 > |xbar|. det is (x0 - r)(x0 + r) with r = |xbar| when
+// x0 - r keeps most of x0's digits; next to the boundary, where r's rounding
+// would dominate it, det is summed in double-double, so that sqrt(det), and
+// every quantity normalised by it, stays accurate to rounding.
 struct SocRoot {
     double head;  // scaled x0
     double root;  // sqrt(det) of the scaled x, 0 when not strictly interior
@@ -67,8 +71,15 @@ DRAVIK_HD inline SocRoot soc_scaled_root(const double* x, size_t n, int exponent
         tail += xi * xi;
     }
     const double r = sqrt(tail);
-    if (!(head > r)) return {head, 0.0};
-    return {head, sqrt((head - r) * (head + r))};
+    if (!(head > 0.0) || head < r * (1.0 - 0x1p-40)) return {head, 0.0};
+    if (head - r > 0x1p-10 * head) return {head, sqrt((head - r) * (head + r))};
+    Dd det = two_prod(head, head);
+    for (size_t i = 1; i < n; ++i) {
+        const double xi = ldexp(x[i], -exponent);
+        det = dd_add(det, dd_neg(two_prod(xi, xi)));
+    }
+    const double value = dd_value(det);
+    return {head, value > 0.0 ? sqrt(value) : 0.0};
 }
 
 struct SocKit {
@@ -84,9 +95,14 @@ struct SocKit {
     }
 
     // The boundary crossing of x + a dx: the least positive root of
-    // det(x + a dx) = A a^2 + 2 B a + C (C = det x >= 0), found by the
-    // cancellation-free quadratic formula, then shrunk by 2^-44 relative so
-    // that the rounding of A, B and C cannot put it beyond the boundary.
+    // det(x + a dx) = A a^2 + 2 B a + C (C = det x >= 0), where the path
+    // leaves the cone. The coefficients and the root are formed in double
+    // precision (the cancellation-free quadratic formula) and, when the
+    // root's condition says that may be off by more than 2^-44 relative
+    // (x next to the boundary, a path nearly tangent to it), again in
+    // double-double; the root is then shrunk by 2^-44 so that what rounding
+    // is left cannot put it beyond the boundary. A NaN or infinite dx gives
+    // NaN.
     DRAVIK_HD bool max_step(const double* x, const double* dx, double*, double* alpha) const {
         const SocNormal nx = soc_normal(x, n);
         if (!nx.finite) return false;
@@ -95,22 +111,17 @@ struct SocKit {
             *alpha = kit_refused();
             return true;
         }
-        double xt = 0.0, dt = 0.0, cross = 0.0;
-        for (size_t i = 1; i < n; ++i) {
-            const double xi = ldexp(x[i], -nx.exponent);
-            const double di = ldexp(dx[i], -nd.exponent);
-            xt += xi * xi;
-            dt += di * di;
-            cross += xi * di;
+        const SocPath path = soc_path(x, dx, nx.exponent, nd.exponent);
+        const double rx = sqrt(path.xt), rd = sqrt(path.dt);
+        const double x0 = path.x0, d0 = path.d0;
+        const bool close = fabs(x0 - rx) <= 0x1p-40 * x0;
+        if (!close && !(x0 >= rx)) return false;
+        double root = 0.0;
+        if (close || !soc_root_in_double(path, rx, rd, &root)) {
+            const SocPathDd exact = soc_path_dd(x, dx, nx.exponent, nd.exponent);
+            if (exact.c.hi < -exact.c_noise) return false;
+            root = soc_root_dd(exact, x0, d0);
         }
-        const double x0 = ldexp(x[0], -nx.exponent);
-        const double d0 = ldexp(dx[0], -nd.exponent);
-        const double rx = sqrt(xt), rd = sqrt(dt);
-        if (!(x0 >= rx)) return false;
-        const double c = (x0 - rx) * (x0 + rx);
-        const double a = (d0 - rd) * (d0 + rd);
-        const double b = x0 * d0 - cross;
-        const double root = soc_first_root(a, b, c, x0, d0, rd);
         // Steps are in units of the scaled dx: undo the two scalings.
         *alpha = root == INFINITY ? root
                                   : ldexp(root * (1.0 - 0x1p-44), nx.exponent - nd.exponent);
@@ -218,27 +229,108 @@ struct SocKit {
     }
 
 private:
-    // The least a > 0 with A a^2 + 2 B a + C = 0 where the path leaves the
-    // cone (+inf when it never does), C >= 0 being det x of a point in the
-    // cone. At the apex (x0 = 0) the path stays in the cone exactly when dx
-    // is in it (d0 >= |dbar|).
-    DRAVIK_HD static double soc_first_root(double a, double b, double c, double x0, double d0,
-                                           double rd) {
-        if (x0 == 0.0) return d0 >= rd ? INFINITY : 0.0;
-        if (c == 0.0) {
-            // On the boundary: det = a (a A + 2 B); it leaves at once when
-            // the linear term is negative (or zero with A < 0).
+    // x and dx scaled by powers of two: heads, tails' sums of squares and
+    // the tails' dot product, in double precision.
+    struct SocPath {
+        double x0, d0, xt, dt, cross;
+    };
+
+    DRAVIK_HD SocPath soc_path(const double* x, const double* dx, int ex, int ed) const {
+        SocPath p{ldexp(x[0], -ex), ldexp(dx[0], -ed), 0.0, 0.0, 0.0};
+        for (size_t i = 1; i < n; ++i) {
+            const double xi = ldexp(x[i], -ex);
+            const double di = ldexp(dx[i], -ed);
+            p.xt += xi * xi;
+            p.dt += di * di;
+            p.cross += xi * di;
+        }
+        return p;
+    }
+
+    // A, B and C in double-double, with the noise level of C (the rounding
+    // a sum of n + 1 exact squares in double-double can leave).
+    struct SocPathDd {
+        Dd a, b, c;
+        double c_noise;
+        double d_norm_sq;
+    };
+
+    DRAVIK_HD SocPathDd soc_path_dd(const double* x, const double* dx, int ex, int ed) const {
+        const double x0 = ldexp(x[0], -ex), d0 = ldexp(dx[0], -ed);
+        Dd a = two_prod(d0, d0), b = two_prod(x0, d0), c = two_prod(x0, x0);
+        double size = x0 * x0, d_size = d0 * d0;
+        for (size_t i = 1; i < n; ++i) {
+            const double xi = ldexp(x[i], -ex), di = ldexp(dx[i], -ed);
+            a = dd_add(a, dd_neg(two_prod(di, di)));
+            b = dd_add(b, dd_neg(two_prod(xi, di)));
+            c = dd_add(c, dd_neg(two_prod(xi, xi)));
+            size += xi * xi;
+            d_size += di * di;
+        }
+        return {a, b, c, 4.0 * static_cast<double>(n + 1) * 0x1p-106 * size, d_size};
+    }
+
+    // The crossing in double precision; false when its condition number
+    // (|x| + a |dx|)^2 / (a |f'(a)|) is too large for 2^-44, or when an
+    // unbounded answer rests on a nearly vanishing coefficient.
+    DRAVIK_HD static bool soc_root_in_double(const SocPath& p, double rx, double rd,
+                                             double* root) {
+        constexpr double kNear = 0x1p-30;
+        const double x_sq = p.x0 * p.x0 + p.xt, d_sq = p.d0 * p.d0 + p.dt;
+        const double c = (p.x0 - rx) * (p.x0 + rx);
+        const double a = (p.d0 - rd) * (p.d0 + rd);
+        const double b = p.x0 * p.d0 - p.cross;
+        const double disc = b * b - a * c;
+        if (c <= kNear * x_sq || fabs(a) <= kNear * d_sq || fabs(b) <= kNear * sqrt(x_sq * d_sq) ||
+            fabs(disc) <= kNear * (b * b + fabs(a * c))) {
+            return false;
+        }
+        *root = quadratic_first_root(a, b, c, disc);
+        if (*root == INFINITY) return true;
+        const double slope = fabs(2.0 * (a * *root + b));
+        const double reach = sqrt(x_sq) + *root * sqrt(d_sq);
+        return reach * reach <= 64.0 * *root * slope;
+    }
+
+    // The least positive root of A a^2 + 2 B a + C with C > 0 and A != 0, or
+    // +inf: the roots are q / A and C / q with q = -(B + sign(B) sqrt(disc)).
+    DRAVIK_HD static double quadratic_first_root(double a, double b, double c, double disc) {
+        if (disc < 0.0) return INFINITY;  // det stays positive (A > 0 then)
+        const double q = -(b + (b >= 0.0 ? sqrt(disc) : -sqrt(disc)));
+        const double r1 = q / a;
+        const double r2 = q != 0.0 ? c / q : INFINITY;
+        double best = INFINITY;
+        if (r1 > 0.0) best = r1;
+        if (r2 > 0.0 && r2 < best) best = r2;
+        return best;
+    }
+
+    // The crossing from double-double coefficients. A C within its noise of
+    // zero is a point on the boundary: the path leaves at once when the
+    // linear term points out (or is zero while A < 0); at the apex it stays
+    // exactly when dx is in the cone.
+    DRAVIK_HD static double soc_root_dd(const SocPathDd& p, double x0, double d0) {
+        const double a = dd_value(p.a), b = dd_value(p.b);
+        if (x0 == 0.0) return d0 >= 0.0 && a >= -p.c_noise * p.d_norm_sq ? INFINITY : 0.0;
+        if (p.c.hi <= p.c_noise) {
             if (b < 0.0 || (b == 0.0 && a < 0.0)) return 0.0;
             return a < 0.0 ? -2.0 * b / a : INFINITY;
         }
-        if (a == 0.0) return b < 0.0 ? -c / (2.0 * b) : INFINITY;
-        const double disc = b * b - a * c;
-        if (disc < 0.0) return INFINITY;  // det stays positive (A > 0 here)
-        const double q = -(b + (b >= 0.0 ? sqrt(disc) : -sqrt(disc)));
-        // The roots are q / A and C / q; the least positive one is the
-        // crossing. With A > 0 and B >= 0 both roots are negative.
-        const double r1 = q / a;
-        const double r2 = q != 0.0 ? c / q : INFINITY;
+        if (a == 0.0) return b < 0.0 ? dd_value(dd_div(p.c, {-2.0 * p.b.hi, -2.0 * p.b.lo}))
+                                     : INFINITY;
+        const Dd disc = dd_add(dd_mul(p.b, p.b), dd_neg(dd_mul(p.a, p.c)));
+        const double noise = 0x1p-100 * (b * b + fabs(a * dd_value(p.c)));
+        if (disc.hi < -noise) return INFINITY;  // det stays positive
+        if (disc.hi <= noise) {
+            // A double root: the path runs through the apex into -K (a path
+            // from the interior cannot touch the boundary elsewhere and stay).
+            const double r = -b / a;
+            return r > 0.0 ? r : INFINITY;
+        }
+        const Dd root = dd_sqrt(disc);
+        const Dd q = dd_neg(dd_add(p.b, b >= 0.0 ? root : dd_neg(root)));
+        const double r1 = dd_value(dd_div(q, p.a));
+        const double r2 = q.hi != 0.0 ? dd_value(dd_div(p.c, q)) : INFINITY;
         double best = INFINITY;
         if (r1 > 0.0) best = r1;
         if (r2 > 0.0 && r2 < best) best = r2;
