@@ -37,6 +37,7 @@ import scipy.sparse.linalg as spla
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import kit_numpy as kit  # noqa: E402  the cone classes; the module's once it has the kit
+KIT_SOURCE = "the kit's NumPy stand-in (demo/kit_numpy.py)"
 
 STEP, EXPON = 0.99, 3
 
@@ -597,7 +598,8 @@ def run(scale=1.0, seed=7, device="auto", out=print):
     arrays, where = device_arrays(device)
     cones = Cones(problem.dims, HostArrays(), {"module": 0.0})
     out(f"problem: {problem.name}, {problem.c.size} variables, {problem.b.size} equality, "
-        f"{cones.describe()}; cone work on {where}")
+        f"{cones.describe()}")
+    out(f"cone work: {KIT_SOURCE} on {where}")
     start = time.perf_counter()
     result = solve(problem, arrays=arrays, out=out)
     wall = time.perf_counter() - start
@@ -606,14 +608,16 @@ def run(scale=1.0, seed=7, device="auto", out=print):
         f"{result.primal_objective:.10g} (dual {result.dual_objective:.10g})")
     out(f"time: {wall:.2f} s: module {module:.2f} s, linear solve {linear:.2f} s, "
         f"rest {rest:.2f} s")
+    start = time.perf_counter()
     reference = cvxopt_solve(problem)
     if reference is None:
         out("CVXOPT: not importable, no comparison")
         return result, None
     gap = abs(reference["primal objective"] - result.primal_objective) / max(
         1.0, abs(reference["primal objective"]))
-    out(f"CVXOPT: {reference['status']} after {reference['iterations']} iterations, optimal "
-        f"value {reference['primal objective']:.10g} (relative difference {gap:.1e})")
+    out(f"CVXOPT: {reference['status']} after {reference['iterations']} iterations "
+        f"({time.perf_counter() - start:.2f} s), optimal value "
+        f"{reference['primal objective']:.10g} (relative difference {gap:.1e})")
     return result, reference
 
 

@@ -123,3 +123,13 @@ def families():
         mixed.scaled(1e4),
         robust_lp(np.random.default_rng(3)).scaled(1e-4),
     ]
+
+
+def infeasible():
+    """(name, Problem): one without a feasible point (|x| <= 1 and x_1 >= 2) and one unbounded
+    below (min -x_1 over x >= 0, x_2 <= 1)."""
+    ball = Problem(np.ones(2), sp.csr_matrix([[-1.0, 0.0], [0.0, 0.0], [-1.0, 0.0], [0.0, -1.0]]),
+                   np.array([-2.0, 1.0, 0.0, 0.0]), {"l": 1, "q": [3]}, name="primal infeasible")
+    ray = Problem(np.array([-1.0, 0.0]), sp.csr_matrix([[-1.0, 0.0], [0.0, -1.0], [0.0, 1.0]]),
+                  np.array([0.0, 0.0, 1.0]), {"l": 3}, name="dual infeasible")
+    return [ball, ray]
