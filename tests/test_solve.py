@@ -1,6 +1,6 @@
 """The reference solver (demo/solve.py) against CVXOPT's conelp on the same data: the same
-status, optimal values to 1e-7 relative, CVXOPT's iteration count +-3, and a returned point
-that is feasible and in the cone in the caller's row order. The KKT refresh must leave the
+status, optimal values to 1e-7 relative, CVXOPT's iteration count +-3, the same first
+iterates, and a returned point that is feasible and in the cone in the caller's row order. The KKT refresh must leave the
 G and A entries of the cone rows alone."""
 import functools
 
@@ -57,6 +57,21 @@ def test_optimal_value_and_iterations_match_cvxopt(name):
     assert np.all(s[:P.dims["z"]] == 0.0)
     assert min(spectral_min(s, P.dims), spectral_min(z, P.dims)) > 0.0
     assert P.c @ x == pytest.approx(ours.primal_objective, rel=1e-12)
+
+
+@pytest.mark.parametrize("name", OPTIMAL)
+def test_first_iterates_are_cvxopts(name):
+    """With CVXOPT's centering count the method is conelp's step for step: after three
+    iterations x and y agree to rounding, so any fault in a cone operation shows here even
+    where it would only cost an iteration or two in the end."""
+    P = FAMILIES[name]
+    ours, ref = solve.solve(P, max_iterations=3), solve.cvxopt_solve(P, maxiters=3)
+    assert ours.iterations == ref["iterations"] == 3
+    x = np.array(ref["x"]).ravel()
+    assert np.abs(ours.x - x).max() <= 1e-8 * np.abs(x).max()
+    if P.b.size:
+        assert np.abs(ours.y - np.array(ref["y"]).ravel()[:P.b.size]).max() <= 1e-8 * max(
+            1.0, np.abs(ours.y).max())
 
 
 @pytest.mark.parametrize("name", ["primal infeasible", "dual infeasible"])
