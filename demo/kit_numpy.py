@@ -1,15 +1,14 @@
-"""A NumPy stand-in for the module's solver kit, until the module has it.
+"""A NumPy stand-in for the module's solver kit on the PSD cone, until the
+module's PsdConeCpp has it (the zero, nonnegative and second-order cones
+already run on the module).
 
-Same class names, method names, arguments and semantics as the kit's Python
-surface (zero, nonnegative, second-order and PSD cones; vectors in svec form
-for PSD: the lower triangle row by row, off-diagonals times sqrt(2)); host
-arrays only. The compact scaling layout is this file's own (the kit's is
-opaque): nonnegative sqrt(s/z); second-order (beta, v) with
-W = beta (2 v v' - J); PSD the symmetric factor W_p^1/2 and its inverse, both
-order x order, row-major, where W_p Z W_p = S; each followed by lam.
+Same class name, method names, arguments and semantics as the kit's Python
+surface (vectors in svec form: the lower triangle row by row, off-diagonals
+times sqrt(2)); host arrays only. The compact scaling layout is this file's
+own (the kit's is opaque): the symmetric factor W_p^1/2 and its inverse, both
+order x order, row-major, where W_p Z W_p = S, then lam.
 
-Written for clarity, not speed; it goes away once the module's classes have
-these methods.
+Written for clarity, not speed; it goes away with the module's PSD kit.
 """
 import math
 
@@ -118,146 +117,6 @@ class _Kit:
                                    "is not strictly interior")
             result[b] = self._divide(ls[b], vs[b])
         o[:] = result
-
-
-class ZeroConeCpp(_Kit):
-    label = "zero"
-
-    @property
-    def rows(self):
-        return self.dim
-
-    def degree(self):
-        return 0
-
-    def _identity(self):
-        return np.zeros(self.rows)
-
-    def max_step(self, x, dx, batch=1, stream=0):
-        self._items(x, batch, self.rows, "x"), self._items(dx, batch, self.rows, "dx")
-        return math.inf
-
-    def _scaling_width(self):
-        return 0
-
-    def nt_scaling_into(self, s, z, scaling, batch=1, stream=0):
-        self._items(s, batch, self.rows, "s"), self._items(z, batch, self.rows, "z")
-        _check("scaling", scaling, 0)
-
-    def _hessians(self, scaling, batch, inverse):
-        _check("scaling", scaling, 0)
-        return np.zeros((batch, self.rows, self.rows))
-
-
-class NonnegativeConeCpp(_Kit):
-    """Compact scaling: sqrt(s/z), then lam = sqrt(s z)."""
-    label = "nonnegative"
-
-    @property
-    def rows(self):
-        return self.dim
-
-    def degree(self):
-        return self.dim
-
-    def _identity(self):
-        return np.ones(self.rows)
-
-    def _contains(self, x):
-        return bool(np.all(x >= 0))
-
-    def _interior(self, x):
-        return bool(np.all(x > 0))
-
-    def _max_step(self, x, dx):
-        neg = dx < 0
-        return float(np.min(-x[neg] / dx[neg])) if neg.any() else math.inf
-
-    def _scaling_width(self):
-        return 2 * self.rows
-
-    def _scaling(self, s, z):
-        return np.concatenate([np.sqrt(s / z), np.sqrt(s * z)])
-
-    def _w_matrix(self, w, inverse):
-        return np.diag(1.0 / w[:self.rows] if inverse else w[:self.rows])
-
-    def _product(self, x, y):
-        return x * y
-
-    def _divide(self, lam, v):
-        return v / lam
-
-
-def _soc_det(x):
-    r = np.linalg.norm(x[1:])
-    return (x[0] - r) * (x[0] + r)
-
-
-class SecondOrderConeCpp(_Kit):
-    label = "SOC"
-
-    @property
-    def rows(self):
-        return self.dim
-
-    def degree(self):
-        return 1
-
-    def _identity(self):
-        return np.eye(1, self.rows).ravel()
-
-    def _contains(self, x):
-        return bool(x[0] >= np.linalg.norm(x[1:]))
-
-    def _interior(self, x):
-        return bool(x[0] > np.linalg.norm(x[1:]))
-
-    def _max_step(self, x, dx):
-        # 1 / max(0, -lambda_min(P(x^-1/2) dx)), in the hyperbolic rotation that takes x to e
-        d = _soc_det(x)
-        if d <= 0:   # on the boundary: only directions that keep x0 - |xbar| >= 0 to first order
-            r = np.linalg.norm(x[1:])
-            slope = dx[0] - (x[1:] @ dx[1:]) / r if r > 0 else dx[0] - np.linalg.norm(dx[1:])
-            return math.inf if slope > 0 else 0.0
-        xh = x / math.sqrt(d)
-        rho0 = xh[0] * dx[0] - xh[1:] @ dx[1:]
-        rho1 = dx[1:] - (rho0 + dx[0]) / (xh[0] + 1.0) * xh[1:]
-        t = (np.linalg.norm(rho1) - rho0) / math.sqrt(d)
-        return 1.0 / t if t > 0 else math.inf
-
-    def _scaling_width(self):
-        return 2 * self.rows + 1   # beta, v, lam
-
-    def _scaling(self, s, z):
-        ds, dz = _soc_det(s), _soc_det(z)
-        sh, zh = s / math.sqrt(ds), z / math.sqrt(dz)
-        gamma = math.sqrt((1.0 + sh @ zh) / 2.0)
-        wh = sh.copy()
-        wh[0] += zh[0]
-        wh[1:] -= zh[1:]
-        wh /= 2.0 * gamma
-        v = wh.copy()
-        v[0] += 1.0
-        v /= math.sqrt(2.0 * (wh[0] + 1.0))
-        w = np.concatenate([[(ds / dz) ** 0.25], v])
-        return np.concatenate([w, self._w_matrix(w, False) @ z])
-
-    def _w_matrix(self, w, inverse):
-        beta, v = w[0], w[1:self.rows + 1]
-        J = np.diag(np.r_[1.0, -np.ones(self.rows - 1)])
-        if inverse:
-            jv = J @ v
-            return (2.0 * np.outer(jv, jv) - J) / beta
-        return beta * (2.0 * np.outer(v, v) - J)
-
-    def _product(self, x, y):
-        return np.concatenate([[x @ y], x[0] * y[1:] + y[0] * x[1:]])
-
-    def _divide(self, lam, v):
-        d = _soc_det(lam)
-        x0 = (lam[0] * v[0] - lam[1:] @ v[1:]) / d
-        return np.concatenate([[x0], (v[1:] - x0 * lam[1:]) / lam[0]])
 
 
 def _smat(v, n):

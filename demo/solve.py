@@ -36,8 +36,21 @@ import scipy.sparse as sp
 import scipy.sparse.linalg as spla
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import kit_numpy as kit  # noqa: E402  the cone classes; the module's once it has the kit
-KIT_SOURCE = "the kit's NumPy stand-in (demo/kit_numpy.py)"
+import kit_numpy  # noqa: E402
+from dravik.mirel.cones.cpp import _cpp_cuda  # noqa: E402
+
+# The cone classes, taken from here only. PSD runs on the NumPy stand-in of the kit until
+# the module's PsdConeCpp has it; then this is the module's too and kit_numpy goes.
+ZeroCone, NonnegativeCone, SecondOrderCone = (_cpp_cuda.ZeroConeCpp, _cpp_cuda.NonnegativeConeCpp,
+                                              _cpp_cuda.SecondOrderConeCpp)
+PsdCone = kit_numpy.PsdConeCpp
+KIT_SOURCE = ("the module's kit (zero, nonnegative, second-order) and its NumPy stand-in "
+              "demo/kit_numpy.py (PSD)")
+
+
+def host_only(cls):
+    """True for the stand-in's classes, which take NumPy arrays only."""
+    return cls.__module__ == kit_numpy.__name__
 
 STEP, EXPON = 0.99, 3
 
@@ -126,13 +139,13 @@ class Cones:
         self.arrays, self.timer = arrays, timer
         starts = np.cumsum([0, dims["z"], dims["l"]] + list(dims["q"])
                            + [k * (k + 1) // 2 for k in dims["s"]])
-        blocks = [("zero", kit.ZeroConeCpp, dims["z"], 1, 0), ("nonnegative",
-                  kit.NonnegativeConeCpp, dims["l"], 1, 1)]
+        blocks = [("zero", ZeroCone, dims["z"], 1, 0), ("nonnegative", NonnegativeCone,
+                                                        dims["l"], 1, 1)]
         q0 = 2
         for i in np.argsort(dims["q"], kind="stable"):
-            blocks.append(("second-order", kit.SecondOrderConeCpp, dims["q"][i], 1, q0 + i))
+            blocks.append(("second-order", SecondOrderCone, dims["q"][i], 1, q0 + i))
         for i in np.argsort(dims["s"], kind="stable"):
-            blocks.append(("PSD", kit.PsdConeCpp, dims["s"][i], 1, q0 + len(dims["q"]) + i))
+            blocks.append(("PSD", PsdCone, dims["s"][i], 1, q0 + len(dims["q"]) + i))
         self.perm = np.concatenate([np.arange(starts[k], starts[k + 1]) for *_, k in blocks]
                                    ).astype(np.int64)
         self.groups, offset, scal = [], 0, 0
@@ -577,15 +590,17 @@ def demo_problem(scale=1.0, seed=7):
 # ----------------------------------------------------------------- main
 
 
-def device_arrays(choice):
+def device_arrays(choice, cones):
+    """(arrays, where) for --device: CuPy or PyTorch arrays when asked for (or, with auto,
+    when usable) and every cone class of the problem takes them."""
     if choice == "cpu":
         return HostArrays(), "host arrays (--device cpu)"
     sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
     from gpu_arrays import gpu_arrays
-    from dravik.mirel.cones.cpp import _cpp_cuda
     gpu, reason = gpu_arrays(_cpp_cuda)
-    if gpu is not None and kit.__name__ == "kit_numpy":
-        gpu, reason = None, "the NumPy stand-in of the kit takes host arrays only"
+    stand_in = sorted({g.label for g in cones.groups if host_only(type(g.cone))})
+    if gpu is not None and stand_in:
+        gpu, reason = None, f"the {', '.join(stand_in)} cones run on the NumPy stand-in"
     if gpu is None:
         if choice == "cuda":
             raise SystemExit(f"--device cuda: {reason}")
@@ -595,8 +610,8 @@ def device_arrays(choice):
 
 def run(scale=1.0, seed=7, device="auto", out=print):
     problem = demo_problem(scale, seed)
-    arrays, where = device_arrays(device)
     cones = Cones(problem.dims, HostArrays(), {"module": 0.0})
+    arrays, where = device_arrays(device, cones)
     out(f"problem: {problem.name}, {problem.c.size} variables, {problem.b.size} equality, "
         f"{cones.describe()}")
     out(f"cone work: {KIT_SOURCE} on {where}")
