@@ -38,10 +38,14 @@ def test_registration_order(m):
     family = ["nt_scaling_matrix_default_method", "nt_scaling_matrix_batch_custom_into",
               "nt_scaling_matrix_batch_cublas_into"]
     fills = ["hmatrix_csr_values_into", "hmatrix_coo_values_into"]
+    kit_basics = ["degree", "identity_into", "max_step", "scaling_length", "nt_scaling_into"]
+    kit_hessian = ["nt_hessian_into", "nt_hessian_csr_values_into", "nt_hessian_coo_values_into"]
+    kit = kit_basics + ["nt_scaled_point_into", "nt_apply_into"] + kit_hessian + [
+        "jordan_product_into", "jordan_divide_into"]
     for cls, methods in ((m.PsdConeCpp, basics + nt + family + fills),
-                         (m.ZeroConeCpp, basics + nt + fills),
-                         (m.NonnegativeConeCpp, basics + nt + fills),
-                         (m.SecondOrderConeCpp, basics + nt + family + fills),
+                         (m.ZeroConeCpp, basics + nt + fills + kit_basics + kit_hessian),
+                         (m.NonnegativeConeCpp, basics + nt + fills + kit),
+                         (m.SecondOrderConeCpp, basics + nt + family + fills + kit),
                          (m.ExponentialConeCpp, basics + nt + fills)):
         assert [n for n in vars(cls) if not n.startswith("_")] == methods
 

@@ -48,11 +48,11 @@ def _expected(name):
         return "list[float]"
     if name.endswith("_into") or name == "__init__":
         return "None"
-    if name == "violation":
+    if name in ("violation", "max_step"):
         return "float"
     if name == "contains" or name.startswith("has_"):
         return "bool"
-    if name in ("dim", "rows"):
+    if name in ("dim", "rows", "degree", "scaling_length"):
         return "int"
     if name.endswith("_default_method") or name in ("cuda_runtime_version", "host_blas_backend"):
         return "str"

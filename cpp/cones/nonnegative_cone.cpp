@@ -10,6 +10,7 @@
 #include "cones/frame/parallel.hpp"
 #include "cones/frame/sparse_fill.hpp"
 #include "cones/host_loops.hpp"
+#include "cuda/dravik_kit_cuda.h"
 #include "math/nonnegative.hpp"
 
 namespace dravik::mirel::cones::cpp {
@@ -21,6 +22,18 @@ constexpr const char* kNotPositive =
     "nonnegative NT scaling requires strictly positive interior inputs";
 constexpr const char* kFillNotPositive =
     "nonnegative sparse H fill requires strictly positive inputs";
+
+constexpr KitDeviceFns kNonnegativeKitDevice{
+    dravik_nonnegative_identity_cuda,
+    dravik_nonnegative_max_step_cuda,
+    nt_scaling_without_mu<dravik_nonnegative_nt_scaling_cuda>,
+    dravik_nonnegative_nt_scaled_point_cuda,
+    dravik_nonnegative_nt_apply_cuda,
+    dravik_nonnegative_nt_hessian_cuda,
+    dravik_nonnegative_nt_hessian_csr_cuda,
+    dravik_nonnegative_nt_hessian_coo_cuda,
+    dravik_nonnegative_jordan_product_cuda,
+    dravik_nonnegative_jordan_divide_cuda};
 
 constexpr HmatrixDeviceFills kNonnegativeDeviceFills{dravik_nonnegative_hmatrix_csr_cuda,
                                                      dravik_nonnegative_hmatrix_coo_cuda};
@@ -79,6 +92,8 @@ void scale_batch_host(const double* s, const double* z, double* out, uint64_t n,
 }
 
 }  // namespace
+
+const KitDeviceFns& NonnegativeConeCpp::kit_device() { return kNonnegativeKitDevice; }
 
 void NonnegativeConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
                                       uint64_t stream) const {

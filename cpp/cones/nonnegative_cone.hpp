@@ -4,12 +4,14 @@
 #include <cstdint>
 #include <vector>
 
+#include "cones/frame/kit_forms.hpp"
 #include "core/owned_array.hpp"
 #include "core/views.hpp"
+#include "math/nonnegative_kit.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
-class NonnegativeConeCpp {
+class NonnegativeConeCpp : public KitForms<NonnegativeConeCpp> {
 public:
     explicit NonnegativeConeCpp(uint64_t dim) : dim_(dim) {}
 
@@ -28,6 +30,15 @@ public:
 
     // The cone's H block into a caller's CSR or COO value array.
     void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
+
+    // The solver kit (KitForms): entrywise, so its parts are single entries.
+    uint64_t degree() const { return dim_; }
+    NonnegativeKit kit() const { return {dim_}; }
+    NonnegativeKit kit_part() const { return {1}; }
+    uint64_t kit_parts() const { return dim_; }
+    uint64_t kit_size() const { return dim_; }
+    static const char* kit_label() { return "nonnegative"; }
+    static const KitDeviceFns& kit_device();
 
 private:
     uint64_t dim_;

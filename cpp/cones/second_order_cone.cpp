@@ -12,6 +12,7 @@
 #include "cones/frame/sparse_fill.hpp"
 #include "cones/host_loops.hpp"
 #include "cones/second_order_nt.hpp"
+#include "cuda/dravik_kit_cuda.h"
 #include "math/second_order.hpp"
 
 namespace dravik::mirel::cones::cpp {
@@ -107,6 +108,17 @@ constexpr NtMethodFamily kSocNtMethods{
      dravik_soc_nt_scaling_batch_cublas_cuda},
     "SOC cuBLAS NT scaling requires CUDA arrays"};
 
+constexpr KitDeviceFns kSocKitDevice{dravik_soc_identity_cuda,
+                                     dravik_soc_max_step_cuda,
+                                     nt_scaling_without_mu<dravik_soc_nt_scaling_cuda>,
+                                     dravik_soc_nt_scaled_point_cuda,
+                                     dravik_soc_nt_apply_cuda,
+                                     dravik_soc_nt_hessian_cuda,
+                                     dravik_soc_nt_hessian_csr_cuda,
+                                     dravik_soc_nt_hessian_coo_cuda,
+                                     dravik_soc_jordan_product_cuda,
+                                     dravik_soc_jordan_divide_cuda};
+
 constexpr HmatrixDeviceFills kSocDeviceFills{dravik_soc_hmatrix_csr_cuda,
                                              dravik_soc_hmatrix_coo_cuda};
 
@@ -118,6 +130,8 @@ void scale_batch_host(const double* s, const double* z, double* out, uint64_t n,
 }
 
 }  // namespace
+
+const KitDeviceFns& SecondOrderConeCpp::kit_device() { return kSocKitDevice; }
 
 SecondOrderConeCpp::SecondOrderConeCpp(uint64_t dim) : dim_(dim) {
     if (dim == 0) fail("second-order cone dim must be positive");

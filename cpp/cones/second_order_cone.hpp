@@ -4,13 +4,16 @@
 #include <cstdint>
 #include <vector>
 
+#include "cones/frame/kit_forms.hpp"
 #include "cones/frame/nt_methods.hpp"
 #include "core/owned_array.hpp"
 #include "core/views.hpp"
+#include "math/second_order_kit.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
-class SecondOrderConeCpp : public NtMethodForms<SecondOrderConeCpp> {
+class SecondOrderConeCpp : public NtMethodForms<SecondOrderConeCpp>,
+                           public KitForms<SecondOrderConeCpp> {
 public:
     explicit SecondOrderConeCpp(uint64_t dim);
 
@@ -29,6 +32,15 @@ public:
 
     // The cone's H block into a caller's CSR or COO value array.
     void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
+
+    // The solver kit (KitForms), with the true NT scaling: W symmetric, H = W^-2.
+    uint64_t degree() const { return 1; }
+    SocKit kit() const { return {dim_}; }
+    SocKit kit_part() const { return {dim_}; }
+    uint64_t kit_parts() const { return 1; }
+    uint64_t kit_size() const { return dim_; }
+    static const char* kit_label() { return "SOC"; }
+    static const KitDeviceFns& kit_device();
 
 private:
     friend class NtMethodForms<SecondOrderConeCpp>;

@@ -10,6 +10,7 @@
 #include "cones/frame/parallel.hpp"
 #include "cones/frame/sparse_fill.hpp"
 #include "cones/host_loops.hpp"
+#include "cuda/dravik_kit_cuda.h"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -74,7 +75,29 @@ constexpr HmatrixDeviceFills kZeroDeviceFills{
                                      device, stream);
     }};
 
+// The zero cone has no scaling to compute, no step to bound and no device
+// work for either; its identity and H are zeros.
+void no_device_scaling(const double*, const double*, double*, size_t, size_t, double, int,
+                       cudaStream_t) {}
+
+double unbounded_step(const double*, const double*, size_t, size_t, int, cudaStream_t) {
+    return INFINITY;
+}
+
+constexpr KitDeviceFns kZeroKitDevice{dravik_zero_identity_cuda,
+                                      unbounded_step,
+                                      no_device_scaling,
+                                      nullptr,
+                                      nullptr,
+                                      dravik_zero_nt_hessian_cuda,
+                                      dravik_zero_nt_hessian_csr_cuda,
+                                      dravik_zero_nt_hessian_coo_cuda,
+                                      nullptr,
+                                      nullptr};
+
 }  // namespace
+
+const KitDeviceFns& ZeroConeCpp::kit_device() { return kZeroKitDevice; }
 
 void ZeroConeCpp::require_zero_pair(const double* s, const double* z, uint64_t n) const {
     std::atomic<double> total_s{0.0};

@@ -4,12 +4,14 @@
 #include <cstdint>
 #include <vector>
 
+#include "cones/frame/kit_forms.hpp"
 #include "core/owned_array.hpp"
 #include "core/views.hpp"
+#include "math/zero_kit.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
-class ZeroConeCpp {
+class ZeroConeCpp : public KitForms<ZeroConeCpp> {
 public:
     explicit ZeroConeCpp(uint64_t dim) : dim_(dim) {}
 
@@ -27,6 +29,16 @@ public:
 
     // The cone's H block into a caller's CSR or COO value array.
     void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
+
+    // The solver kit's trivial answers (KitForms): degree 0, zeros for the
+    // identity and H, an unbounded step, an empty scaling.
+    uint64_t degree() const { return 0; }
+    ZeroKit kit() const { return {dim_}; }
+    ZeroKit kit_part() const { return {dim_}; }
+    uint64_t kit_parts() const { return 1; }
+    uint64_t kit_size() const { return dim_; }
+    static const char* kit_label() { return "zero"; }
+    static const KitDeviceFns& kit_device();
 
 private:
     void require_zero_pair(const double* s, const double* z, uint64_t n) const;

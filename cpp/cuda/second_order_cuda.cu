@@ -6,11 +6,14 @@
 // quadratic-representation factors through cuBLAS. Inputs are not checked
 // for interiority: a point outside the cone yields NaN or infinite entries.
 #include "cuda/dravik_cuda.h"
+#include "cuda/dravik_kit_cuda.h"
 #include "cuda/frame.cuh"
+#include "cuda/kit_kernels.cuh"
 #include "cuda/library_calls.cuh"
 #include "cuda/reductions.cuh"
 #include "math/nt_method_rules.hpp"
 #include "math/second_order.hpp"
+#include "math/second_order_kit.hpp"
 
 namespace dravik::cuda {
 
@@ -305,6 +308,75 @@ bool dravik_soc_contains_cuda(const double* x, size_t dim, int device, double at
     if (dim == 0) return atol >= 0.0;
     const double t = copy_to_host(x);
     return t >= soc_tail_norm(x, dim) - atol;
+}
+
+}  // extern "C"
+
+// ------------------------------------------------------------- solver kit
+// One thread per cone: the kit's work per cone is O(rows) (O(rows^2) for H,
+// one thread per entry), and a solver's second-order cones are many and
+// small.
+
+namespace {
+using dravik::mirel::cones::cpp::SocKit;
+}  // namespace
+
+extern "C" {
+
+void dravik_soc_identity_cuda(double* out, size_t rows, size_t batch, int device,
+                              cudaStream_t stream) {
+    kit_identity(SocKit{rows}, out, batch, device, stream);
+}
+
+double dravik_soc_max_step_cuda(const double* x, const double* dx, size_t rows, size_t batch,
+                                int device, cudaStream_t stream) {
+    return kit_max_step(SocKit{rows}, x, dx, batch, device, stream);
+}
+
+void dravik_soc_nt_scaling_cuda(const double* s, const double* z, double* scaling, size_t rows,
+                                size_t batch, int device, cudaStream_t stream) {
+    kit_nt_scaling(SocKit{rows}, s, z, 0.0, scaling, batch, device, stream);
+}
+
+void dravik_soc_nt_scaled_point_cuda(const double* scaling, double* lam, size_t rows,
+                                     size_t batch, int device, cudaStream_t stream) {
+    kit_scaled_point(SocKit{rows}, scaling, lam, batch, device, stream);
+}
+
+void dravik_soc_nt_apply_cuda(const double* scaling, const double* x, double* out, size_t rows,
+                              size_t batch, bool inverse, int device, cudaStream_t stream) {
+    kit_apply(SocKit{rows}, scaling, x, out, inverse, batch, device, stream);
+}
+
+void dravik_soc_nt_hessian_cuda(const double* scaling, double* out, size_t rows, size_t batch,
+                                bool inverse, int device, cudaStream_t stream) {
+    kit_hessian(SocKit{rows}, scaling, out, inverse, batch, device, stream);
+}
+
+void dravik_soc_nt_hessian_csr_cuda(const double* scaling, const int64_t* indptr,
+                                    const int64_t* indices, double* values, size_t nnz,
+                                    size_t rows, size_t row_offset, size_t batch, bool inverse,
+                                    double scale, int device, cudaStream_t stream) {
+    kit_fill(true, SocKit{rows}, scaling, indptr, indices, values, nnz, row_offset, batch,
+             inverse, scale, device, stream);
+}
+
+void dravik_soc_nt_hessian_coo_cuda(const double* scaling, const int64_t* row_indices,
+                                    const int64_t* col_indices, double* values, size_t nnz,
+                                    size_t rows, size_t row_offset, size_t batch, bool inverse,
+                                    double scale, int device, cudaStream_t stream) {
+    kit_fill(false, SocKit{rows}, scaling, row_indices, col_indices, values, nnz, row_offset,
+             batch, inverse, scale, device, stream);
+}
+
+void dravik_soc_jordan_product_cuda(const double* x, const double* y, double* out, size_t rows,
+                                    size_t batch, int device, cudaStream_t stream) {
+    kit_jordan_product(SocKit{rows}, x, y, out, batch, device, stream);
+}
+
+void dravik_soc_jordan_divide_cuda(const double* lam, const double* v, double* out, size_t rows,
+                                   size_t batch, int device, cudaStream_t stream) {
+    kit_jordan_divide(SocKit{rows}, lam, v, out, batch, device, stream);
 }
 
 }  // extern "C"

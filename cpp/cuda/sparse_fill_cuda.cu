@@ -9,48 +9,38 @@
 //
 // Nothing is validated: non-interior inputs give whatever the formulas give,
 // and a malformed pattern never makes a kernel read or write out of bounds
-// (the guarded traversals of math/hmatrix.hpp).
+// (the traversal of math/sparse_fill.hpp under its skipping policy).
 #include "cuda/dravik_cuda.h"
 #include "cuda/frame.cuh"
+#include "cuda/sparse_fill_kernels.cuh"
 #include "math/hmatrix.hpp"
 
 namespace dravik::cuda {
 
-using mirel::cones::cpp::hmatrix_coo_entries_guarded;
-using mirel::cones::cpp::hmatrix_csr_rows_guarded;
 using mirel::cones::cpp::HmatrixDense;
 using mirel::cones::cpp::HmatrixDirect;
 using mirel::cones::cpp::HmatrixPsdW;
 using mirel::cones::cpp::kHmatrixExponential;
 using mirel::cones::cpp::kHmatrixNonnegative;
 using mirel::cones::cpp::kHmatrixZero;
+using mirel::cones::cpp::one_item;
 
 namespace {
 
-// The grid's x extent is 32-bit signed at most; both traversals stride over
-// the rows or entries beyond it.
-constexpr size_t kMaxGrid = 0x7FFFFFFF;
-
-unsigned capped_grid(size_t blocks) {
-    return static_cast<unsigned>(blocks < kMaxGrid ? blocks : kMaxGrid);
-}
-
-// CSR: thread block b takes local rows b, b + gridDim.x, ..., its threads
-// splitting each row's positions. COO: one thread per entry, grid-strided.
+// The documented fills: one block at row_offset, 0.0 elsewhere in its rows.
 template <class H>
 __device__ void csr_fill_rows(const int64_t* indptr, const int64_t* indices, double* values,
                               size_t nnz, size_t rows, size_t row_offset, const H& h) {
-    hmatrix_csr_rows_guarded(indptr, indices, values, nnz, rows, row_offset, h, blockIdx.x,
-                             gridDim.x, threadIdx.x, blockDim.x);
+    csr_fill_worker(FillGrid{row_offset, rows, 1}, indptr, indices, values, nnz, one_item(h),
+                    OffBlock::Zero);
 }
 
 template <class H>
 __device__ void coo_fill_entries(const int64_t* row_indices, const int64_t* col_indices,
                                  double* values, size_t nnz, size_t rows, size_t row_offset,
                                  const H& h) {
-    hmatrix_coo_entries_guarded(row_indices, col_indices, values, nnz, rows, row_offset, h,
-                                static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x,
-                                static_cast<size_t>(gridDim.x) * blockDim.x);
+    coo_fill_worker(FillGrid{row_offset, rows, 1}, row_indices, col_indices, values, nnz,
+                    one_item(h), OffBlock::Zero);
 }
 
 }  // namespace
@@ -100,10 +90,6 @@ namespace {
 enum class Layout { Csr, Coo };
 
 bool nothing_to_fill(size_t nnz, size_t rows) { return nnz == 0 || rows == 0; }
-
-// CSR: one thread block per row of the block; COO: one thread per entry.
-unsigned csr_grid(size_t rows) { return capped_grid(rows); }
-unsigned coo_grid(size_t nnz) { return capped_grid(ceil_blocks(nnz)); }
 
 void direct_csr(int kind, const double* s, const double* z, const int64_t* indptr,
                 const int64_t* indices, double* values, size_t nnz, size_t dim, size_t row_offset,

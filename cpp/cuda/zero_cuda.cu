@@ -1,9 +1,12 @@
 // The zero cone on the device: projection (zeros), violation and membership
 // through the reductions, and the NT batch of identity matrices.
 #include "cuda/dravik_cuda.h"
+#include "cuda/dravik_kit_cuda.h"
 #include "cuda/frame.cuh"
+#include "cuda/kit_kernels.cuh"
 #include "cuda/reductions.cuh"
 #include "math/batch_index.hpp"
+#include "math/zero_kit.hpp"
 
 namespace dravik::cuda {
 
@@ -42,6 +45,44 @@ double dravik_zero_violation_cuda(const double* x, size_t n, int device) {
 
 bool dravik_zero_contains_cuda(const double* x, size_t n, int device, double atol) {
     return elementwise_contains(x, n, device, atol, kReduceWhole);
+}
+
+}  // extern "C"
+
+// ------------------------------------------------------------- solver kit
+
+namespace {
+using dravik::mirel::cones::cpp::ZeroKit;
+}  // namespace
+
+extern "C" {
+
+void dravik_zero_identity_cuda(double* out, size_t rows, size_t batch, int device,
+                               cudaStream_t stream) {
+    ensure_device(device);
+    if (rows * batch == 0) return;
+    check_cuda(cudaMemsetAsync(out, 0, rows * batch * sizeof(double), stream), "cudaMemsetAsync");
+}
+
+void dravik_zero_nt_hessian_cuda(const double* scaling, double* out, size_t rows, size_t batch,
+                                 bool inverse, int device, cudaStream_t stream) {
+    kit_hessian(ZeroKit{rows}, scaling, out, inverse, batch, device, stream);
+}
+
+void dravik_zero_nt_hessian_csr_cuda(const double* scaling, const int64_t* indptr,
+                                     const int64_t* indices, double* values, size_t nnz,
+                                     size_t rows, size_t row_offset, size_t batch, bool inverse,
+                                     double scale, int device, cudaStream_t stream) {
+    kit_fill(true, ZeroKit{rows}, scaling, indptr, indices, values, nnz, row_offset, batch,
+             inverse, scale, device, stream);
+}
+
+void dravik_zero_nt_hessian_coo_cuda(const double* scaling, const int64_t* row_indices,
+                                     const int64_t* col_indices, double* values, size_t nnz,
+                                     size_t rows, size_t row_offset, size_t batch, bool inverse,
+                                     double scale, int device, cudaStream_t stream) {
+    kit_fill(false, ZeroKit{rows}, scaling, row_indices, col_indices, values, nnz, row_offset,
+             batch, inverse, scale, device, stream);
 }
 
 }  // extern "C"

@@ -23,7 +23,7 @@
 #include <cstddef>
 
 #include "math/host_device.hpp"
-#include "math/kit_status.hpp"
+#include "math/kit.hpp"
 
 namespace dravik::mirel::cones::cpp {
 

@@ -1,6 +1,6 @@
-// The pieces of the sparse Hessian fills that the host frame and the fill
-// kernels share: which stored entries lie in a cone's block, and the H(i, j)
-// evaluators of the cones whose entries come straight from s and z (zero,
+// The H(i, j) evaluators of the documented sparse Hessian fills, shared by
+// the host frame and the fill kernels (the traversal is math/sparse_fill.hpp):
+// the evaluators of the cones whose entries come straight from s and z (zero,
 // nonnegative, exponential), from one prepared dense matrix (second-order
 // W, the small PSD operators) or from the PSD scaling point W. Local
 // indices i, j run over the block's rows.
@@ -14,14 +14,6 @@
 #include "math/psd_nt.hpp"
 
 namespace dravik::mirel::cones::cpp {
-
-// Whether a stored row or column index lies in [row_offset, row_offset +
-// rows). Indices are signed: a negative one is outside every block.
-DRAVIK_HD inline bool hmatrix_in_block(int64_t index, size_t row_offset, size_t rows) {
-    if (index < 0) return false;
-    const size_t u = static_cast<size_t>(index);
-    return u >= row_offset && u - row_offset < rows;
-}
 
 // The cones whose entries the direct fill computes from s and z alone; the
 // value is the `kind` argument of the direct kernels.
@@ -80,50 +72,17 @@ struct HmatrixPsdW {
     }
 };
 
-// The device traversals, which validate nothing and so must never step
-// outside the arrays whatever the pattern holds. Every position is bounded
-// by nnz: a CSR row takes the positions of [indptr[g], indptr[g + 1]) that
-// lie in [0, nnz), so a row whose pointers decrease writes nothing. The
-// caller guarantees indptr[row_offset .. row_offset + rows] and nnz entries
-// of each other index array. The work is split as the launch splits it:
-// a CSR worker takes rows first_row, first_row + row_step, ... and within
-// each row the positions lane, lane + lanes, ...; a COO worker takes the
-// entries first, first + step, ...
+// A single-block evaluator H(i, j) seen as the traversal's value(item, i, j)
+// of a grid of one item.
+template <class H>
+struct OneItem {
+    H h;
+    DRAVIK_HD double operator()(size_t, size_t i, size_t j) const { return h(i, j); }
+};
 
 template <class H>
-DRAVIK_HD void hmatrix_csr_rows_guarded(const int64_t* indptr, const int64_t* indices,
-                                        double* values, size_t nnz, size_t rows, size_t row_offset,
-                                        const H& h, size_t first_row, size_t row_step, size_t lane,
-                                        size_t lanes) {
-    for (size_t r = first_row; r < rows; r += row_step) {
-        const int64_t a = indptr[row_offset + r];
-        const int64_t b = indptr[row_offset + r + 1];
-        const size_t begin = a < 0 ? 0 : static_cast<size_t>(a);
-        const size_t stop = b < 0 ? 0 : static_cast<size_t>(b);
-        const size_t end = stop < nnz ? stop : nnz;
-        for (size_t p = begin + lane; p < end; p += lanes) {
-            const int64_t c = indices[p];
-            values[p] = hmatrix_in_block(c, row_offset, rows)
-                            ? h(r, static_cast<size_t>(c) - row_offset)
-                            : 0.0;
-        }
-    }
-}
-
-// Entries of other rows are passed over before their column is read.
-template <class H>
-DRAVIK_HD void hmatrix_coo_entries_guarded(const int64_t* row_indices, const int64_t* col_indices,
-                                           double* values, size_t nnz, size_t rows,
-                                           size_t row_offset, const H& h, size_t first,
-                                           size_t step) {
-    for (size_t p = first; p < nnz; p += step) {
-        const int64_t r = row_indices[p];
-        if (!hmatrix_in_block(r, row_offset, rows)) continue;
-        const int64_t c = col_indices[p];
-        const size_t i = static_cast<size_t>(r) - row_offset;
-        const size_t j = static_cast<size_t>(c) - row_offset;
-        values[p] = hmatrix_in_block(c, row_offset, rows) ? h(i, j) : 0.0;
-    }
+DRAVIK_HD OneItem<H> one_item(const H& h) {
+    return OneItem<H>{h};
 }
 
 }  // namespace dravik::mirel::cones::cpp

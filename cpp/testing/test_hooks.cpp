@@ -22,6 +22,7 @@
 #include "core/errors.hpp"
 #include "cuda/psd_routes.hpp"
 #include "math/hmatrix.hpp"
+#include "math/sparse_fill.hpp"
 #include "math/psd2.hpp"
 #include "math/psd_nt.hpp"
 #include "math/svec.hpp"
@@ -258,18 +259,20 @@ NB_MODULE(_cpp_cuda_test_hooks, m) {
         "hmatrix_direct_device_fill",
         [](bool csr, int kind, Input s, Input z, Index first, Index second, Output values,
            uint64_t rows, uint64_t row_offset, uint64_t workers, uint64_t lanes) {
-            const cones::HmatrixDirect h{kind, s.data(), z.data()};
+            const auto h = cones::one_item(cones::HmatrixDirect{kind, s.data(), z.data()});
+            const cones::FillGrid grid{row_offset, rows, 1};
+            const uint64_t nnz = values.shape(0);
             for (uint64_t w = 0; w < workers; ++w) {
                 if (!csr) {
-                    cones::hmatrix_coo_entries_guarded(first.data(), second.data(), values.data(),
-                                                       values.shape(0), rows, row_offset, h, w,
-                                                       workers);
+                    cones::fill_coo_entries(grid, first.data(), second.data(), values.data(), nnz,
+                                            cones::SkipBadPattern{}, h, cones::OffBlock::Zero, w,
+                                            workers);
                     continue;
                 }
                 for (uint64_t lane = 0; lane < lanes; ++lane) {
-                    cones::hmatrix_csr_rows_guarded(first.data(), second.data(), values.data(),
-                                                    values.shape(0), rows, row_offset, h, w,
-                                                    workers, lane, lanes);
+                    cones::fill_csr_rows(grid, first.data(), second.data(), values.data(), nnz,
+                                         cones::SkipBadPattern{}, h, cones::OffBlock::Zero, w,
+                                         workers, lane, lanes);
                 }
             }
         },

@@ -15,6 +15,7 @@
 #include "core/errors.hpp"
 #include "core/views.hpp"
 #include "math/hmatrix.hpp"
+#include "math/sparse_fill.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
@@ -33,61 +34,42 @@ struct HmatrixDeviceFills {
 // "too short" message otherwise (without forming a sum that could wrap).
 void require_csr_indptr_covers(uint64_t indptr_length, uint64_t row_offset, uint64_t rows);
 
-constexpr const char* kCsrIndptrNegative = "CSR indptr must be nonnegative";
-constexpr const char* kCsrIndptrOrder =
-    "CSR indptr entries must be monotone and within values length";
-constexpr const char* kCsrIndexNegative = "CSR indices must be nonnegative";
-constexpr const char* kCooRowNegative = "COO row_indices must be nonnegative";
-constexpr const char* kCooColNegative = "COO col_indices must be nonnegative";
-
-// The host CSR pass over local rows r = 0 .. rows - 1 in order, through
-// indptr; the index checks are made while writing, so a failure in row r
-// leaves the values written before it in place.
-template <class H>
-void fill_csr(const SparseFillViews& v, uint64_t rows, uint64_t row_offset, const H& h) {
-    require_csr_indptr_covers(v.first.size, row_offset, rows);
-    check_length(v.values.size, v.second.size, "values");
-    const int64_t* indptr = v.first.data;
-    const int64_t* indices = v.second.data;
-    double* values = v.values.data;
-    for (uint64_t r = 0; r < rows; ++r) {
-        const uint64_t g = row_offset + r;
-        const int64_t a = indptr[g];
-        if (a < 0) fail(kCsrIndptrNegative);
-        const int64_t b = indptr[g + 1];
-        if (b < 0) fail(kCsrIndptrNegative);
-        if (static_cast<uint64_t>(b) > v.values.size || b < a) fail(kCsrIndptrOrder);
-        for (int64_t k = a; k < b; ++k) {
-            const int64_t col = indices[k];
-            if (col < 0) fail(kCsrIndexNegative);
-            values[k] = hmatrix_in_block(col, row_offset, rows)
-                            ? h(r, static_cast<uint64_t>(col) - row_offset)
-                            : 0.0;
-        }
+// The host's pattern policy: the first bad index in traversal order raises
+// its message, after the entries before it have been written.
+struct RaiseOnBadPattern {
+    void index(int64_t v, const char* negative) const {
+        if (v < 0) fail(negative);
     }
+    void row_span(int64_t a, int64_t b, size_t nnz, size_t* begin, size_t* end) const {
+        if (a < 0 || b < 0) fail(kCsrIndptrNegative);
+        if (static_cast<uint64_t>(b) > nnz || b < a) fail(kCsrIndptrOrder);
+        *begin = static_cast<size_t>(a);
+        *end = static_cast<size_t>(b);
+    }
+};
+
+// The host CSR pass over the grid's rows in order, through indptr, after the
+// coverage and length checks.
+template <class Value>
+void fill_csr(const IndexView& indptr, const IndexView& indices, const VectorView& values,
+              const FillGrid& grid, const Value& value, OffBlock off_block) {
+    require_csr_indptr_covers(indptr.size, grid.row_offset, grid.rows());
+    check_length(values.size, indices.size, "values");
+    fill_csr_rows(grid, indptr.data, indices.data, values.data, values.size,
+                  RaiseOnBadPattern{}, value, off_block, 0, 1, 0, 1);
 }
 
 // The host COO pass over every stored entry in order: each row index is read
-// (and a negative one fails, whatever row it names); entries of other rows
-// are left alone, and a column index is read only in the cone's rows.
-template <class H>
-void fill_coo(const SparseFillViews& v, uint64_t rows, uint64_t row_offset, const H& h) {
-    check_length(v.second.size, v.first.size, "COO col_indices");
-    check_length(v.values.size, v.first.size, "values");
-    const int64_t* row_indices = v.first.data;
-    const int64_t* col_indices = v.second.data;
-    double* values = v.values.data;
-    for (uint64_t k = 0; k < v.first.size; ++k) {
-        const int64_t row = row_indices[k];
-        if (row < 0) fail(kCooRowNegative);
-        if (!hmatrix_in_block(row, row_offset, rows)) continue;
-        const int64_t col = col_indices[k];
-        if (col < 0) fail(kCooColNegative);
-        values[k] = hmatrix_in_block(col, row_offset, rows)
-                        ? h(static_cast<uint64_t>(row) - row_offset,
-                            static_cast<uint64_t>(col) - row_offset)
-                        : 0.0;
-    }
+// (and a negative one fails, whatever row it names); a column index is read
+// only in the grid's rows.
+template <class Value>
+void fill_coo(const IndexView& row_indices, const IndexView& col_indices,
+              const VectorView& values, const FillGrid& grid, const Value& value,
+              OffBlock off_block) {
+    check_length(col_indices.size, row_indices.size, "COO col_indices");
+    check_length(values.size, row_indices.size, "values");
+    fill_coo_entries(grid, row_indices.data, col_indices.data, values.data, row_indices.size,
+                     RaiseOnBadPattern{}, value, off_block, 0, 1);
 }
 
 // One cone's fill. `rows` is the block's order; `device_dim` the size its
@@ -110,12 +92,13 @@ void fill_hmatrix(SparseLayout layout, const SparseFillArgs& args, uint64_t rows
                                             args.row_offset, ordinal, as_stream(args.stream));
         },
         [&] {
-            const auto h =
-                prepare(static_cast<const double*>(v.s.data), static_cast<const double*>(v.z.data));
+            const auto h = one_item(
+                prepare(static_cast<const double*>(v.s.data), static_cast<const double*>(v.z.data)));
+            const FillGrid grid{args.row_offset, rows, 1};
             if (csr) {
-                fill_csr(v, rows, args.row_offset, h);
+                fill_csr(v.first, v.second, v.values, grid, h, OffBlock::Zero);
             } else {
-                fill_coo(v, rows, args.row_offset, h);
+                fill_coo(v.first, v.second, v.values, grid, h, OffBlock::Zero);
             }
         });
 }
