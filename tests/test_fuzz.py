@@ -607,6 +607,11 @@ def cone_ops(cone):
            Op(cone, "unit_vector_array", (("index", "index"),), lambda r, sc: [], unit_index),
            Op(cone, "unit_vector_into", (("index", "index"), ("output", W)), rows_only("output"),
               unit_index)]
+    if cone == "exponential":  # the dual cone's three, checked as the primal's
+        ops += [Op(cone, "project_dual_into", IN_OUT, lambda r, sc: [("input", r), ("output", r)],
+                   alias_safe="same"),
+                Op(cone, "violation_dual", (("input", RO),), rows_only("input")),
+                Op(cone, "contains_dual", (("input", RO), ("atol", "atol")), rows_only("input"))]
     ops += psd_nt_ops() if cone == "psd" else [
             Op(cone, "nt_scaling_matrix", PAIR, lambda r, sc: [("s", r), ("z", r)],
                nt_form("dense")),
@@ -712,7 +717,8 @@ def assert_same_values(got, want):
 KIT_METHODS = ("degree", "identity_into", "max_step", "scaling_length", "nt_scaling_into",
                "nt_scaled_point_into", "nt_apply_into", "nt_hessian_into",
                "nt_hessian_csr_values_into", "nt_hessian_coo_values_into",
-               "jordan_product_into", "jordan_divide_into")
+               "jordan_product_into", "jordan_divide_into", "barrier_gradient_into",
+               "barrier_gradient_dual_into", "max_step_dual")
 
 
 def test_every_host_operation_is_fuzzed():

@@ -42,11 +42,14 @@ def test_registration_order(m):
     kit_hessian = ["nt_hessian_into", "nt_hessian_csr_values_into", "nt_hessian_coo_values_into"]
     kit = kit_basics + ["nt_scaled_point_into", "nt_apply_into"] + kit_hessian + [
         "jordan_product_into", "jordan_divide_into"]
+    dual = ["project_dual_into", "violation_dual", "contains_dual"]
+    exp_kit = kit_basics[:4] + ["barrier_gradient_into", "barrier_gradient_dual_into",
+                                "max_step_dual", "nt_scaling_into"] + kit_hessian
     for cls, methods in ((m.PsdConeCpp, basics + nt + family + fills),
                          (m.ZeroConeCpp, basics + nt + fills + kit_basics + kit_hessian),
                          (m.NonnegativeConeCpp, basics + nt + fills + kit),
                          (m.SecondOrderConeCpp, basics + nt + family + fills + kit),
-                         (m.ExponentialConeCpp, basics + nt + fills)):
+                         (m.ExponentialConeCpp, basics + dual + nt + fills + exp_kit)):
         assert [n for n in vars(cls) if not n.startswith("_")] == methods
 
 

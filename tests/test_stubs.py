@@ -48,9 +48,9 @@ def _expected(name):
         return "list[float]"
     if name.endswith("_into") or name == "__init__":
         return "None"
-    if name in ("violation", "max_step"):
+    if name in ("violation", "max_step", "violation_dual", "max_step_dual"):
         return "float"
-    if name == "contains" or name.startswith("has_"):
+    if name in ("contains", "contains_dual") or name.startswith("has_"):
         return "bool"
     if name in ("dim", "rows", "degree", "scaling_length"):
         return "int"

@@ -29,6 +29,19 @@ constexpr const char* kScalingLabel = "exponential scaling";
 constexpr HmatrixDeviceFills kExpDeviceFills{dravik_exp_hmatrix_csr_cuda,
                                              dravik_exp_hmatrix_coo_cuda};
 
+// The kit's device entry points; the exponential cone has no scaled point,
+// factor or Jordan operations.
+constexpr KitDeviceFns kExpKitDevice{dravik_exp_identity_cuda,
+                                     dravik_exp_max_step_cuda,
+                                     dravik_exp_nt_scaling_cuda,
+                                     nullptr,
+                                     nullptr,
+                                     dravik_exp_nt_hessian_cuda,
+                                     dravik_exp_nt_hessian_csr_cuda,
+                                     dravik_exp_nt_hessian_coo_cuda,
+                                     nullptr,
+                                     nullptr};
+
 // The sparse fill's own test of a block: the strict interior with exp on the
 // raw ratio (an overflow to infinity fails), or the ray y = 0, x < 0, z >= 0
 // of the closure. NaN fails.
@@ -75,6 +88,8 @@ void scale_batch_host(const double* sd, const double* zd, double* o, uint64_t bl
 
 
 }  // namespace
+
+const KitDeviceFns& ExponentialConeCpp::kit_device() { return kExpKitDevice; }
 
 ExponentialConeCpp::ExponentialConeCpp(uint64_t blocks) : blocks_(blocks) {
     if (blocks == 0) fail("exponential cone block count must be positive");
@@ -238,6 +253,85 @@ void ExponentialConeCpp::hmatrix_values_into(SparseLayout layout,
         };
     };
     fill_hmatrix(layout, args, rows(), rows(), kExpDeviceFills, prepare);
+}
+
+}  // namespace dravik::mirel::cones::cpp
+
+namespace dravik::mirel::cones::cpp {
+
+// Block by block (the team splits the blocks of all items when there are
+// many); a refused block names its item.
+void ExponentialConeCpp::gradient_into(const ArrayRef& point, const ArrayRef& output,
+                                       uint64_t batch, uint64_t stream, bool dual) const {
+    const char* name = dual ? "z" : "x";
+    const uint64_t length = kit_length(rows(), batch, "rows * batch");
+    const VectorView in = checked_vector_view(point, length, name);
+    const VectorView out = checked_vector_view(output, length, "out");
+    require_same_device(in, out);
+    run_on(
+        out,
+        [&](int device) {
+            (dual ? dravik_exp_barrier_gradient_dual_cuda : dravik_exp_barrier_gradient_cuda)(
+                in.data, out.data, blocks_, batch, device, as_stream(stream));
+        },
+        [&] {
+            const ExponentialKit block{1};
+            const uint64_t count = blocks_ * batch;
+            const ItemsOutcome outcome =
+                run_kit_items(count, 3, 0, [&](uint64_t k, double*, double*) {
+                    const double* p = in.data + 3 * k;
+                    double* o = out.data + 3 * k;
+                    return (dual ? block.barrier_gradient_dual(p, o) : block.barrier_gradient(p, o))
+                               ? 0
+                               : 1;
+                });
+            if (outcome.first_refused < count) {
+                kit_refuse(kit_label(), dual ? "dual barrier gradient" : "barrier gradient", name,
+                           outcome.first_refused / blocks_, "is not strictly interior");
+            }
+        });
+}
+
+void ExponentialConeCpp::barrier_gradient_into(const ArrayRef& x, const ArrayRef& output,
+                                               uint64_t batch, uint64_t stream) const {
+    gradient_into(x, output, batch, stream, false);
+}
+
+void ExponentialConeCpp::barrier_gradient_dual_into(const ArrayRef& z, const ArrayRef& output,
+                                                    uint64_t batch, uint64_t stream) const {
+    gradient_into(z, output, batch, stream, true);
+}
+
+double ExponentialConeCpp::max_step_dual(const ArrayRef& x, const ArrayRef& dx, uint64_t batch,
+                                         uint64_t stream) const {
+    const uint64_t length = kit_length(rows(), batch, "rows * batch");
+    const VectorView xv = checked_vector_view(x, length, "x");
+    const VectorView dv = checked_vector_view(dx, length, "dx");
+    require_same_input_device(xv, dv);
+    return run_on(
+        xv,
+        [&](int device) {
+            return dravik_exp_max_step_dual_cuda(xv.data, dv.data, blocks_, batch, device,
+                                                 as_stream(stream));
+        },
+        [&] {
+            const ExponentialKit block{1};
+            const uint64_t count = blocks_ * batch;
+            const ItemsOutcome outcome =
+                run_kit_items(count, 3, 0, [&](uint64_t k, double*, double* least) {
+                    double alpha = INFINITY;
+                    if (!block.max_step_dual(xv.data + 3 * k, dv.data + 3 * k, nullptr, &alpha)) {
+                        return 1;
+                    }
+                    *least = least_of(*least, alpha);
+                    return 0;
+                });
+            if (outcome.first_refused < count) {
+                kit_refuse(kit_label(), "max_step_dual", "x", outcome.first_refused / blocks_,
+                           "is not in the dual cone");
+            }
+            return outcome.least;
+        });
 }
 
 }  // namespace dravik::mirel::cones::cpp

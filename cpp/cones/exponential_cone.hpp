@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <vector>
 
+#include "cones/frame/kit_forms.hpp"
 #include "core/owned_array.hpp"
 #include "core/views.hpp"
+#include "math/exponential_kit.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
-class ExponentialConeCpp {
+class ExponentialConeCpp : public KitForms<ExponentialConeCpp> {
 public:
     explicit ExponentialConeCpp(uint64_t blocks);
 
@@ -37,7 +39,30 @@ public:
     // The cone's H block into a caller's CSR or COO value array.
     void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
 
+    // The solver kit (KitForms): barrier degree 3 per block; the entrywise
+    // operations run block by block (an item's parts are its 3-blocks), H and
+    // the fills see whole items. The primal-dual scaling takes mu.
+    uint64_t degree() const { return 3 * blocks_; }
+    ExponentialKit kit() const { return {blocks_}; }
+    ExponentialKit kit_part() const { return {1}; }
+    uint64_t kit_parts() const { return blocks_; }
+    uint64_t kit_size() const { return blocks_; }
+    static const char* kit_label() { return "exponential"; }
+    static const KitDeviceFns& kit_device();
+
+    // The barrier's gradient grad f(x) and the conjugate barrier's
+    // grad f*(z) (minus the interior point p with -grad f(p) = z), and the
+    // step length in the dual cone.
+    void barrier_gradient_into(const ArrayRef& x, const ArrayRef& output, uint64_t batch,
+                               uint64_t stream) const;
+    void barrier_gradient_dual_into(const ArrayRef& z, const ArrayRef& output, uint64_t batch,
+                                    uint64_t stream) const;
+    double max_step_dual(const ArrayRef& x, const ArrayRef& dx, uint64_t batch,
+                         uint64_t stream) const;
+
 private:
+    void gradient_into(const ArrayRef& point, const ArrayRef& output, uint64_t batch,
+                       uint64_t stream, bool dual) const;
     std::vector<double> dense_scaling(const ArrayRef& s, const ArrayRef& z) const;
 
     uint64_t blocks_;

@@ -109,7 +109,44 @@ DRAVIK_CUDA_API void dravik_soc_jordan_divide_cuda(const double* lam, const doub
                                                    size_t rows, size_t batch, int device,
                                                    cudaStream_t stream);
 
-/* ---- Exponential cone (m blocks of three values): the dual cone. ---- */
+/* ---- Exponential cone (m blocks of three values per item). ---- */
+/* The kit, one 3-block per thread: the identity (the central point), the
+ * barrier's gradient and the conjugate barrier's, the step lengths on the cone
+ * and on its dual (the least over all blocks after waiting for `stream`; NaN
+ * when an x is outside), and the primal-dual scaling (12 doubles per block:
+ * H, then H^-1, each as its upper triangle row by row; mu <= 0: each block's
+ * own s'z / 3). H and the fills see whole items. */
+DRAVIK_CUDA_API void dravik_exp_identity_cuda(double* out, size_t m, size_t batch, int device,
+                                              cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_exp_barrier_gradient_cuda(const double* x, double* out, size_t m,
+                                                      size_t batch, int device,
+                                                      cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_exp_barrier_gradient_dual_cuda(const double* z, double* out, size_t m,
+                                                           size_t batch, int device,
+                                                           cudaStream_t stream);
+DRAVIK_CUDA_API double dravik_exp_max_step_cuda(const double* x, const double* dx, size_t m,
+                                                size_t batch, int device, cudaStream_t stream);
+DRAVIK_CUDA_API double dravik_exp_max_step_dual_cuda(const double* x, const double* dx, size_t m,
+                                                     size_t batch, int device,
+                                                     cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_exp_nt_scaling_cuda(const double* s, const double* z, double* scaling,
+                                                size_t m, size_t batch, double mu, int device,
+                                                cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_exp_nt_hessian_cuda(const double* scaling, double* out, size_t m,
+                                                size_t batch, bool inverse, int device,
+                                                cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_exp_nt_hessian_csr_cuda(const double* scaling, const int64_t* indptr,
+                                                    const int64_t* indices, double* values,
+                                                    size_t nnz, size_t m, size_t row_offset,
+                                                    size_t batch, bool inverse, double scale,
+                                                    int device, cudaStream_t stream);
+DRAVIK_CUDA_API void dravik_exp_nt_hessian_coo_cuda(const double* scaling,
+                                                    const int64_t* row_indices,
+                                                    const int64_t* col_indices, double* values,
+                                                    size_t nnz, size_t m, size_t row_offset,
+                                                    size_t batch, bool inverse, double scale,
+                                                    int device, cudaStream_t stream);
+/* The dual cone. */
 /* Euclidean projection onto the dual cone, one block per thread; x may be out. */
 DRAVIK_CUDA_API void dravik_exp_project_dual_cuda(const double* x, double* out, size_t m,
                                                   int device, cudaStream_t stream);

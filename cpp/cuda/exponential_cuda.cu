@@ -6,9 +6,11 @@
 #include "cuda/dravik_cuda.h"
 #include "cuda/dravik_kit_cuda.h"
 #include "cuda/frame.cuh"
+#include "cuda/kit_kernels.cuh"
 #include "cuda/reductions.cuh"
 #include "math/batch_index.hpp"
 #include "math/exponential.hpp"
+#include "math/exponential_kit.hpp"
 #include "math/exponential_projection.hpp"
 
 namespace dravik::cuda {
@@ -92,6 +94,29 @@ __global__ void exp_contains_dual_kernel(const double* x, double* partial, size_
     if (threadIdx.x == 0) partial[blockIdx.x] = worst;
 }
 
+// The barrier's gradient (dual: the conjugate barrier's), one 3-block per
+// thread over `count` blocks; NaN where the block is not interior.
+__global__ void exp_gradient_kernel(const double* x, double* out, size_t count, bool dual) {
+    const size_t k = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
+    if (k >= count) return;
+    const cone::ExponentialKit block{1};
+    const bool ok = dual ? block.barrier_gradient_dual(x + 3 * k, out + 3 * k)
+                         : block.barrier_gradient(x + 3 * k, out + 3 * k);
+    if (!ok) fill_refused(out + 3 * k, 3);
+}
+
+// One block's kit whose max_step is the step in the dual cone, for the
+// shared step driver.
+struct ExpDualStepKit {
+    cone::ExponentialKit kit;
+    __host__ __device__ size_t rows() const { return kit.rows(); }
+    __host__ __device__ size_t scratch_length() const { return 0; }
+    __host__ __device__ bool max_step(const double* x, const double* dx, double* scratch,
+                                      double* alpha) const {
+        return kit.max_step_dual(x, dx, scratch, alpha);
+    }
+};
+
 }  // namespace dravik::cuda
 
 using namespace dravik::cuda;
@@ -164,6 +189,77 @@ bool dravik_exp_contains_dual_cuda(const double* x, size_t m, int device, double
         },
         atol);
     return worst == 0.0;  // a NaN maximum is not contained
+}
+
+}  // extern "C"
+
+// ------------------------------------------------------------- solver kit
+// Block by block: identity, gradients, steps and the scaling run one 3-block
+// per thread (the kit of one block over m * batch blocks); H and the fills
+// see whole items.
+
+namespace {
+using dravik::mirel::cones::cpp::ExponentialKit;
+constexpr ExponentialKit kBlock{1};
+}  // namespace
+
+extern "C" {
+
+void dravik_exp_identity_cuda(double* out, size_t m, size_t batch, int device,
+                              cudaStream_t stream) {
+    kit_identity(kBlock, out, m * batch, device, stream);
+}
+
+void dravik_exp_barrier_gradient_cuda(const double* x, double* out, size_t m, size_t batch,
+                                      int device, cudaStream_t stream) {
+    ensure_device(device);
+    if (m * batch == 0) return;
+    DRAVIK_LAUNCH(exp_gradient_kernel, ceil_blocks(m * batch), kThreads, 0, stream, x, out,
+                  m * batch, false);
+}
+
+void dravik_exp_barrier_gradient_dual_cuda(const double* z, double* out, size_t m, size_t batch,
+                                           int device, cudaStream_t stream) {
+    ensure_device(device);
+    if (m * batch == 0) return;
+    DRAVIK_LAUNCH(exp_gradient_kernel, ceil_blocks(m * batch), kThreads, 0, stream, z, out,
+                  m * batch, true);
+}
+
+double dravik_exp_max_step_cuda(const double* x, const double* dx, size_t m, size_t batch,
+                                int device, cudaStream_t stream) {
+    return kit_max_step(kBlock, x, dx, m * batch, device, stream);
+}
+
+double dravik_exp_max_step_dual_cuda(const double* x, const double* dx, size_t m, size_t batch,
+                                     int device, cudaStream_t stream) {
+    return kit_max_step(ExpDualStepKit{kBlock}, x, dx, m * batch, device, stream);
+}
+
+void dravik_exp_nt_scaling_cuda(const double* s, const double* z, double* scaling, size_t m,
+                                size_t batch, double mu, int device, cudaStream_t stream) {
+    kit_nt_scaling(kBlock, s, z, mu, scaling, m * batch, device, stream);
+}
+
+void dravik_exp_nt_hessian_cuda(const double* scaling, double* out, size_t m, size_t batch,
+                                bool inverse, int device, cudaStream_t stream) {
+    kit_hessian(ExponentialKit{m}, scaling, out, inverse, batch, device, stream);
+}
+
+void dravik_exp_nt_hessian_csr_cuda(const double* scaling, const int64_t* indptr,
+                                    const int64_t* indices, double* values, size_t nnz, size_t m,
+                                    size_t row_offset, size_t batch, bool inverse, double scale,
+                                    int device, cudaStream_t stream) {
+    kit_fill(true, ExponentialKit{m}, scaling, indptr, indices, values, nnz, row_offset, batch,
+             inverse, scale, device, stream);
+}
+
+void dravik_exp_nt_hessian_coo_cuda(const double* scaling, const int64_t* row_indices,
+                                    const int64_t* col_indices, double* values, size_t nnz,
+                                    size_t m, size_t row_offset, size_t batch, bool inverse,
+                                    double scale, int device, cudaStream_t stream) {
+    kit_fill(false, ExponentialKit{m}, scaling, row_indices, col_indices, values, nnz, row_offset,
+             batch, inverse, scale, device, stream);
 }
 
 }  // extern "C"

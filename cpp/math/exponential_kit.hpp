@@ -428,7 +428,7 @@ DRAVIK_HD inline void exp_write_scaling(const double* const* c, const double* D,
 // ds = s - mu_b s~ and dz = z - mu_b z~ (dz made exactly orthogonal to s),
 //   H = z z^T / (s^T z) + dz dz^T / d + mu n n^T / (n^T (grad^2 f)^-1 n),
 // d = -mu_b dz^T s~ = 3 mu_b (mu_b mu~ - 1) > 0 off the central path and
-// n = s x ds (orthogonal to s and s~). Each term is positive semidefinite.
+// n orthogonal to s and s~. Each term is positive semidefinite.
 // When d is lost in rounding (the pair is on the central path to working
 // precision) the fall-back is
 //   H = z z^T / (s^T z) + mu (grad^2 f(s) - z~ z~^T / 3),
