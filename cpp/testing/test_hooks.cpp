@@ -4,7 +4,9 @@
 // searches (whose results must agree to the bit), the 2 x 2 closed forms,
 // the PSD NT scaling formulas and the guarded sparse-fill traversals that
 // the device kernels run, on host arrays, the host's PSD scaling point W,
-// and the PSD device entry points' routes. It compiles the host sources it
+// the PSD device entry points' routes, and the exponential cone's per-block
+// barrier Hessian, Euclidean projection onto K, membership tests and scaling
+// with its fall-back flag (exp_kit_hooks.hpp). It compiles the host sources it
 // needs with the module's floating-point flags, so the bits are the same.
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
