@@ -88,7 +88,8 @@ MUTANTS = [
     # zero and nonnegative cones, host loops
     M("zero-tolerance", "cpp/cones/zero_cone.cpp", "kZeroTolerance = 1e-10;",
       "kZeroTolerance = 1e-8;", "zero-cone NT test with a looser tolerance"),
-    M("zero-fill-nan", "cpp/cones/zero_cone.cpp", "bool exactly_zero(double v) { return v == 0.0; }",
+    M("zero-fill-nan", "cpp/cones/zero_cone.cpp",
+      "bool exactly_zero(double v) { return v == 0.0; }",
       "bool exactly_zero(double v) { return !(std::fabs(v) > 0.0); }",
       "zero-cone fill lets NaN pass"),
     M("nn-batch-z-test", "cpp/cones/nonnegative_cone.cpp",
@@ -113,7 +114,8 @@ MUTANTS = [
       "return in.data[0] > tail_norm(in.data, dim_) - atol;", "boundary points not contained"),
     M("soc-tail-head", "cpp/cones/second_order_cone.cpp", "r.begin == 0 ? 1 : r.begin",
       "r.begin == 0 ? 0 : r.begin", "the tail norm includes the head"),
-    M("soc-nan-scale", "cpp/math/second_order.hpp", "r > 0.0 ? a / r : 0.0", "r > 0.0 ? a / r : 1.0",
+    M("soc-nan-scale", "cpp/math/second_order.hpp", "r > 0.0 ? a / r : 0.0",
+      "r > 0.0 ? a / r : 1.0",
       "projection keeps the tail when its norm is not positive"),
     M("soc-nt-z-test", "cpp/cones/second_order_nt.cpp",
       "    if (!soc_strictly_interior(z[0], soc_tail_sum_sq(z, n), n)) return false;\n", "",
@@ -121,7 +123,8 @@ MUTANTS = [
     M("soc-method-rule", "cpp/math/nt_method_rules.hpp", "batch >= kSocCublasMinBatch;",
       "batch > kSocCublasMinBatch;", "SOC default method: batch 16 not cuBLAS"),
     # exponential cone
-    M("exp-clamp-high", "cpp/math/exponential.hpp", "    if (r > kExpRatioMax) return kExpRatioMax;\n",
+    M("exp-clamp-high", "cpp/math/exponential.hpp",
+      "    if (r > kExpRatioMax) return kExpRatioMax;\n",
       "", "exp ratio not clamped above"),
     M("exp-clear-y", "cpp/math/exponential.hpp", "return {v.x > 0.0 ? 0.0 : v.x, 0.0,",
       "return {v.x > 0.0 ? 0.0 : v.x, v.y,", "projection keeps a non-positive y"),
@@ -130,7 +133,8 @@ MUTANTS = [
     M("exp-fill-ray", "cpp/cones/exponential_cone.cpp", "v.x < 0.0 && v.z >= 0.0;",
       "v.x < 0.0 && v.z > 0.0;", "fill refuses the ray point with z = 0"),
     M("exp-batch-zero", "cpp/cones/exponential_cone.cpp",
-      "    std::fill(o, o + n * n * batch, 0.0);\n", "", "batch: entries off the blocks not zeroed"),
+      "    std::fill(o, o + n * n * batch, 0.0);\n", "",
+      "batch: entries off the blocks not zeroed"),
     # PSD cone, packing, Jacobi
     M("psd-singular", "cpp/cones/psd_nt_host.cpp", "if (lambda <= 0.0) {", "if (lambda < 0.0) {",
       "NT scaling accepts a singular matrix"),
@@ -150,7 +154,8 @@ MUTANTS = [
       "smat leaves the upper triangle zero"),
     M("jacobi-threshold", "cpp/math/jacobi.hpp", "kJacobiThreshold = 1e-12;",
       "kJacobiThreshold = 1e-10;", "Jacobi stops at a looser threshold"),
-    M("jacobi-tie", "cpp/cones/jacobi_eigh.cpp", "v > 0.0 && col < arg_[r]", "v > 0.0 && col > arg_[r]",
+    M("jacobi-tie", "cpp/cones/jacobi_eigh.cpp", "v > 0.0 && col < arg_[r]",
+      "v > 0.0 && col > arg_[r]",
       "pivot ties go to the larger column"),
     M("jacobi-rescan", "cpp/cones/jacobi_eigh.cpp", "if (rot.q + 1 < n_) rescan(rot.q);", "",
       "row q not rescanned after a rotation"),
@@ -172,8 +177,9 @@ def run(cmd, log, timeout=None, **kw):
 
 
 def source_files():
-    listed = subprocess.run(["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
-                            cwd=ROOT, capture_output=True, check=True).stdout.decode()
+    listed = subprocess.run(["git", "ls-files", "-z", "--cached", "--others",
+                             "--exclude-standard"], cwd=ROOT, capture_output=True,
+                            check=True).stdout.decode()
     return [f for f in listed.split("\0") if f and os.path.isfile(os.path.join(ROOT, f))]
 
 
@@ -195,9 +201,11 @@ def sync(src):
 
 
 def first_failure(log):
+    """The first failing test, a crash, or the log's last line."""
     with open(log) as f:
         lines = f.read().splitlines()
-    hits = [l.split(" - ")[0] for l in lines if l.startswith(("FAILED ", "ERROR "))]
+    hits = [line.split(" - ")[0] for line in lines
+            if line.startswith(("FAILED ", "ERROR ", "Fatal Python error"))]
     return hits[0] if hits else (lines[-1] if lines else "")
 
 
@@ -233,8 +241,8 @@ def main():
     sync(src)
     env = dict(os.environ, DRAVIK_DEPS=os.path.abspath(os.path.join(ROOT, args.deps)))
     build_cmd = ["bash", "scripts/build.sh", args.python, build, "-DDRAVIK_CUDA=OFF"]
-    test_cmd = [args.python, "-m", "pytest", "-x", "-q", "-m", "not gpu", "-p", "no:cacheprovider",
-                "tests"]
+    test_cmd = [args.python, "-m", "pytest", "-x", "-q", "-m", "not gpu", "-p",
+                "no:cacheprovider", "tests"]
     test_env = dict(env, PYTHONPATH="python")
 
     def attempt(label):
@@ -252,7 +260,8 @@ def main():
 
     state, detail, seconds = attempt("unmutated")
     if state != "survived":
-        sys.exit(f"mutants: the unmutated copy does not pass ({detail}); see {logs}/unmutated.log")
+        sys.exit(f"mutants: the unmutated copy does not pass ({detail}); "
+                 f"see {logs}/unmutated.log")
     print(f"unmutated copy: built and passed in {seconds:.0f} s\n")
     print(f"{'mutant':26} {'result':10} {'s':>4}  detail")
     results = []
