@@ -199,45 +199,62 @@ void psd_power_cusolver(const double* a, double* out, size_t n, size_t batch, cu
     work.release();
 }
 
-// W blocks by the library path, symmetrised, for dim <= 32: the powers of S
-// and of M from the Jacobi kernels. Scratch: Zm, Sh, Si, T, M, Mh.
-void psd_w_library_jacobi(const double* s, const double* z, double* w, size_t n, size_t batch,
-                          cudaStream_t stream) {
+// The matrix powers of the library chain by per-cone Jacobi kernels (dim
+// <= 32): s_powers unpacks Z into zm and writes S^1/2 and S^-1/2 of every
+// block from one decomposition of S; sqrt writes M^1/2.
+struct JacobiPowers {
+    size_t n;
+    size_t batch;
+    cudaStream_t stream;
+
+    void s_powers(const double* s, const double* z, double* zm, double* sh, double* si,
+                  double* /*spare*/) const {
+        DRAVIK_LAUNCH(psd_prepare_spd_kernel, per_cone_blocks(batch), kPsdThreads, 0, stream, s, z,
+                      zm, sh, si, n, batch);
+    }
+    void sqrt(const double* m, double* mh) const {
+        DRAVIK_LAUNCH(psd_matrix_sqrt_kernel, per_cone_blocks(batch), kPsdThreads, 0, stream, m, mh,
+                      n, batch);
+    }
+};
+
+// The same by cuSOLVER (dim > 32): S and Z unpacked (S into the spare
+// blocks), each power from its own decomposition.
+struct CusolverPowers {
+    size_t n;
+    size_t batch;
+    cudaStream_t stream;
+
+    void s_powers(const double* s, const double* z, double* zm, double* sh, double* si,
+                  double* spare) const {
+        const size_t count = n * n * batch;
+        DRAVIK_LAUNCH(psd_smat_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, s,
+                      spare, n, batch);
+        DRAVIK_LAUNCH(psd_smat_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, z,
+                      zm, n, batch);
+        psd_power_cusolver(spare, sh, n, batch, stream, 0.5);
+        psd_power_cusolver(spare, si, n, batch, stream, -0.5);
+    }
+    void sqrt(const double* m, double* mh) const {
+        psd_power_cusolver(m, mh, n, batch, stream, 0.5);
+    }
+};
+
+// W blocks by the library path, symmetrised: S^1/2 Z S^1/2 = M and
+// S^-1/2 M^1/2 S^-1/2 = W as batched products, the powers taken by
+// `powers`. Scratch: Zm, Sh, Si, T, M, Mh; T is free until the first
+// product and serves the powers as their spare blocks.
+template <class Powers>
+void psd_w_chain(const double* s, const double* z, double* w, size_t n, size_t batch,
+                 cudaStream_t stream, const Powers& powers) {
     const size_t count = n * n * batch;
     StreamScratch<double> scratch(6 * count, stream);
     double* zm = scratch.get();
     double *sh = zm + count, *si = sh + count, *t = si + count, *m = t + count, *mh = m + count;
-    DRAVIK_LAUNCH(psd_prepare_spd_kernel, per_cone_blocks(batch), kPsdThreads, 0, stream, s, z, zm,
-                  sh, si, n, batch);
+    powers.s_powers(s, z, zm, sh, si, t);
     psd_batched_gemm(sh, zm, t, n, batch, stream);
     psd_batched_gemm(t, sh, m, n, batch, stream);
-    DRAVIK_LAUNCH(psd_matrix_sqrt_kernel, per_cone_blocks(batch), kPsdThreads, 0, stream, m, mh, n,
-                  batch);
-    psd_batched_gemm(si, mh, t, n, batch, stream);
-    psd_batched_gemm(t, si, w, n, batch, stream);
-    DRAVIK_LAUNCH(psd_symmetrize_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, w,
-                  n, batch);
-    scratch.release();
-}
-
-// The same for dim > 32, the powers from cuSOLVER. Scratch: Sm, Zm, Sh, Si,
-// T, M, Mh.
-void psd_w_library_cusolver(const double* s, const double* z, double* w, size_t n, size_t batch,
-                            cudaStream_t stream) {
-    const size_t count = n * n * batch;
-    StreamScratch<double> scratch(7 * count, stream);
-    double* sm = scratch.get();
-    double *zm = sm + count, *sh = zm + count, *si = sh + count, *t = si + count, *m = t + count,
-           *mh = m + count;
-    DRAVIK_LAUNCH(psd_smat_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, s, sm,
-                  n, batch);
-    DRAVIK_LAUNCH(psd_smat_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, z, zm,
-                  n, batch);
-    psd_power_cusolver(sm, sh, n, batch, stream, 0.5);
-    psd_power_cusolver(sm, si, n, batch, stream, -0.5);
-    psd_batched_gemm(sh, zm, t, n, batch, stream);
-    psd_batched_gemm(t, sh, m, n, batch, stream);
-    psd_power_cusolver(m, mh, n, batch, stream, 0.5);
+    powers.sqrt(m, mh);
     psd_batched_gemm(si, mh, t, n, batch, stream);
     psd_batched_gemm(t, si, w, n, batch, stream);
     DRAVIK_LAUNCH(psd_symmetrize_kernel, ceil_blocks(count, kPsdThreads), kPsdThreads, 0, stream, w,
@@ -248,9 +265,9 @@ void psd_w_library_cusolver(const double* s, const double* z, double* w, size_t 
 void psd_w_library(const double* s, const double* z, double* w, size_t n, size_t batch,
                    cudaStream_t stream) {
     if (n <= kPsdCustomMaxDim) {
-        psd_w_library_jacobi(s, z, w, n, batch, stream);
+        psd_w_chain(s, z, w, n, batch, stream, JacobiPowers{n, batch, stream});
     } else {
-        psd_w_library_cusolver(s, z, w, n, batch, stream);
+        psd_w_chain(s, z, w, n, batch, stream, CusolverPowers{n, batch, stream});
     }
 }
 
