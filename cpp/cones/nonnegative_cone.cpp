@@ -139,17 +139,8 @@ bool NonnegativeConeCpp::contains(const ArrayRef& input, double atol) const {
         });
 }
 
-std::vector<double> NonnegativeConeCpp::nt_scaling_matrix(const ArrayRef& s,
-                                                          const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, dim_);
-    const VectorView &sv = p.s, &zv = p.z;
-    return diagonal_ratio_values(zv.data, sv.data, dim_, kScalingLabel);
-}
-
-OwnedArray NonnegativeConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, dim_);
-    const VectorView &sv = p.s, &zv = p.z;
-    return diagonal_ratio_array(zv.data, sv.data, dim_, kScalingLabel);
+OwnedArray NonnegativeConeCpp::dense_scaling(const double* s, const double* z) const {
+    return diagonal_ratio_array(z, s, dim_, kScalingLabel);
 }
 
 void NonnegativeConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,

@@ -2,8 +2,8 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+#include "cones/frame/dense_scaling.hpp"
 #include "cones/frame/kit_forms.hpp"
 #include "core/owned_array.hpp"
 #include "core/views.hpp"
@@ -11,7 +11,8 @@
 
 namespace dravik::mirel::cones::cpp {
 
-class NonnegativeConeCpp : public KitForms<NonnegativeConeCpp> {
+class NonnegativeConeCpp : public DenseScalingForms<NonnegativeConeCpp>,
+                           public KitForms<NonnegativeConeCpp> {
 public:
     explicit NonnegativeConeCpp(uint64_t dim) : dim_(dim) {}
 
@@ -22,9 +23,8 @@ public:
     double violation(const ArrayRef& input) const;
     bool contains(const ArrayRef& input, double atol) const;
 
-    // diag(z[i] / s[i]) for strictly positive s and z.
-    std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
-    OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
+    // diag(z[i] / s[i]) for strictly positive s and z. The list and array
+    // forms come from DenseScalingForms.
     void nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
                                       uint64_t batch, uint64_t stream) const;
 
@@ -41,6 +41,9 @@ public:
     static const KitDeviceFns& kit_device();
 
 private:
+    friend class DenseScalingForms<NonnegativeConeCpp>;
+    OwnedArray dense_scaling(const double* s, const double* z) const;
+
     uint64_t dim_;
 };
 

@@ -3,7 +3,6 @@
 #include <cmath>
 #include <vector>
 
-#include "cones/frame/dense_builders.hpp"
 #include "cones/frame/dispatch.hpp"
 #include "cones/frame/nt_methods.hpp"
 #include "cones/frame/sparse_fill.hpp"
@@ -116,14 +115,13 @@ bool PsdConeCpp::contains(const ArrayRef& input, double atol) const {
         [&] { return atol >= psd_violation_host(in.data, dim_); });
 }
 
-std::vector<double> PsdConeCpp::nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, rows_);
-    return psd_nt_operator(p.s.data, p.z.data, dim_);
-}
-
-OwnedArray PsdConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, rows_);
-    return dense_matrix_array(psd_nt_operator(p.s.data, p.z.data, dim_), rows_, "PSD NT scaling");
+// W by the general path (its "matrices" message for every dim), then H
+// entry by entry from it.
+OwnedArray PsdConeCpp::dense_scaling(const double* s, const double* z) const {
+    const std::vector<double> w = psd_nt_w(s, z, dim_);
+    OwnedArray h = make_owned_matrix(rows_, "PSD NT scaling");
+    psd_nt_operator_from_w(w.data(), dim_, h.data());
+    return h;
 }
 
 const NtMethodFamily& PsdConeCpp::nt_methods() { return kPsdNtMethods; }

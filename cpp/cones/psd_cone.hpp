@@ -6,15 +6,15 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+#include "cones/frame/dense_scaling.hpp"
 #include "cones/frame/nt_methods.hpp"
 #include "core/owned_array.hpp"
 #include "core/views.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
-class PsdConeCpp : public NtMethodForms<PsdConeCpp> {
+class PsdConeCpp : public DenseScalingForms<PsdConeCpp>, public NtMethodForms<PsdConeCpp> {
 public:
     explicit PsdConeCpp(uint64_t dim);
 
@@ -25,20 +25,19 @@ public:
     double violation(const ArrayRef& input) const;
     bool contains(const ArrayRef& input, double atol) const;
 
-    // NT scaling (H, rows x rows per block). The list and array forms take
-    // the general path for every dim; the batch forms take the batched path
-    // (closed forms for dim 1 and 2) or the device.
-    std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
-    OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
-
-    // The batch forms come from NtMethodForms.
+    // NT scaling (H, rows x rows per block). The list and array forms (from
+    // DenseScalingForms) take the general path for every dim; the batch
+    // forms (from NtMethodForms) take the batched path (closed forms for dim
+    // 1 and 2) or the device.
     static const NtMethodFamily& nt_methods();
 
     // The cone's H block into a caller's CSR or COO value array.
     void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
 
 private:
+    friend class DenseScalingForms<PsdConeCpp>;
     friend class NtMethodForms<PsdConeCpp>;
+    OwnedArray dense_scaling(const double* s, const double* z) const;
     void scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output, uint64_t batch,
                      uint64_t stream, NtMethod method) const;
 

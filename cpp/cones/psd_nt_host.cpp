@@ -85,21 +85,13 @@ std::vector<double> psd_nt_w(const double* s, const double* z, uint64_t n) {
     return dense_matmul(dense_matmul(inv_half, m_half, n), inv_half, n);
 }
 
-std::vector<double> psd_nt_operator(const double* s, const double* z, uint64_t n) {
-    const std::vector<double> w = psd_nt_w(s, z, n);
-    const uint64_t rows = svec_length(n);
-    std::vector<double> h(rows * rows);
-    psd_nt_operator_from_w(w.data(), n, h.data());
-    return h;
-}
-
 void psd_nt_scaling_batch_host(const double* s, const double* z, double* out, uint64_t n,
                                uint64_t batch) {
     if (batch == 0) return;
     if (n == 1) return scale_order_one(s, z, out, batch);
     if (n == 2) return scale_order_two(s, z, out, batch);
-    // H_b = psd_nt_operator(s_b, z_b), written in place: W is complete (or
-    // has raised) before the first entry of the block is written.
+    // H_b from W_b, written in place: W_b is complete (or has raised) before
+    // the first entry of the block is written.
     const uint64_t rows = svec_length(n);
     for (uint64_t b = 0; b < batch; ++b) {
         const std::vector<double> w = psd_nt_w(s + b * rows, z + b * rows, n);

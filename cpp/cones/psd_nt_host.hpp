@@ -26,8 +26,7 @@ std::vector<double> dense_matmul(const std::vector<double>& a, const std::vector
 // S decomposed once per power; neither M nor W symmetrised.
 std::vector<double> psd_nt_w(const double* s, const double* z, uint64_t n);
 
-// H (rows x rows, rows = n (n + 1) / 2), entry by entry from W.
-std::vector<double> psd_nt_operator(const double* s, const double* z, uint64_t n);
+// H (rows x rows, rows = n (n + 1) / 2), entry by entry from W, into h.
 void psd_nt_operator_from_w(const double* w, uint64_t n, double* h);
 
 // `batch` blocks of H into out (rows^2 each). A failing block b raises after

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstring>
 
-#include "cones/frame/dense_builders.hpp"
 #include "cones/frame/dispatch.hpp"
 #include "cones/frame/nt_methods.hpp"
 #include "cones/frame/parallel.hpp"
@@ -181,17 +180,11 @@ bool SecondOrderConeCpp::contains(const ArrayRef& input, double atol) const {
         [&] { return in.data[0] >= tail_norm(in.data, dim_) - atol; });
 }
 
-std::vector<double> SecondOrderConeCpp::nt_scaling_matrix(const ArrayRef& s,
-                                                          const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, dim_);
-    const VectorView &sv = p.s, &zv = p.z;
-    return soc_nt_scaling_dense(sv.data, zv.data, dim_);
-}
-
-OwnedArray SecondOrderConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, dim_);
-    const VectorView &sv = p.s, &zv = p.z;
-    return dense_matrix_array(soc_nt_scaling_dense(sv.data, zv.data, dim_), dim_, "SOC NT scaling");
+OwnedArray SecondOrderConeCpp::dense_scaling(const double* s, const double* z) const {
+    SocNtScaling scaling(dim_);
+    OwnedArray w = make_owned_matrix(dim_, "SOC NT scaling");
+    scaling.write(s, z, w.data());
+    return w;
 }
 
 const NtMethodFamily& SecondOrderConeCpp::nt_methods() { return kSocNtMethods; }

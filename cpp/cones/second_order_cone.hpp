@@ -2,8 +2,8 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+#include "cones/frame/dense_scaling.hpp"
 #include "cones/frame/kit_forms.hpp"
 #include "cones/frame/nt_methods.hpp"
 #include "core/owned_array.hpp"
@@ -12,7 +12,8 @@
 
 namespace dravik::mirel::cones::cpp {
 
-class SecondOrderConeCpp : public NtMethodForms<SecondOrderConeCpp>,
+class SecondOrderConeCpp : public DenseScalingForms<SecondOrderConeCpp>,
+                           public NtMethodForms<SecondOrderConeCpp>,
                            public KitForms<SecondOrderConeCpp> {
 public:
     explicit SecondOrderConeCpp(uint64_t dim);
@@ -24,10 +25,8 @@ public:
     double violation(const ArrayRef& input) const;
     bool contains(const ArrayRef& input, double atol) const;
 
-    std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
-    OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
-
-    // The batch forms come from NtMethodForms.
+    // The list and array forms come from DenseScalingForms, the batch forms
+    // from NtMethodForms.
     static const NtMethodFamily& nt_methods();
 
     // The cone's H block into a caller's CSR or COO value array.
@@ -43,7 +42,9 @@ public:
     static const KitDeviceFns& kit_device();
 
 private:
+    friend class DenseScalingForms<SecondOrderConeCpp>;
     friend class NtMethodForms<SecondOrderConeCpp>;
+    OwnedArray dense_scaling(const double* s, const double* z) const;
     void scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output, uint64_t batch,
                      uint64_t stream, NtMethod method) const;
 

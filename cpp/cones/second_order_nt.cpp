@@ -63,11 +63,4 @@ void SocNtScaling::write_batch(const double* s, const double* z, double* w, uint
     if (failed.load()) fail(not_interior_);
 }
 
-std::vector<double> soc_nt_scaling_dense(const double* s, const double* z, uint64_t n) {
-    SocNtScaling scaling(n);
-    std::vector<double> w(n * n, 0.0);
-    scaling.write(s, z, w.data());
-    return w;
-}
-
 }  // namespace dravik::mirel::cones::cpp

@@ -54,7 +54,4 @@ private:
     std::vector<double> scratch_;  // per thread: A, B, u, G and one column group
 };
 
-// W of one pair in a new n * n vector, row-major.
-std::vector<double> soc_nt_scaling_dense(const double* s, const double* z, uint64_t n);
-
 }  // namespace dravik::mirel::cones::cpp

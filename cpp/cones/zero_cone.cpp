@@ -150,17 +150,8 @@ bool ZeroConeCpp::contains(const ArrayRef& input, double atol) const {
         });
 }
 
-std::vector<double> ZeroConeCpp::nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, dim_);
-    const VectorView &sv = p.s, &zv = p.z;
-    require_zero_pair(sv.data, zv.data, dim_);
-    return identity_values(dim_);
-}
-
-OwnedArray ZeroConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, dim_);
-    const VectorView &sv = p.s, &zv = p.z;
-    require_zero_pair(sv.data, zv.data, dim_);
+OwnedArray ZeroConeCpp::dense_scaling(const double* s, const double* z) const {
+    require_zero_pair(s, z, dim_);
     return identity_array(dim_);
 }
 

@@ -2,8 +2,8 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+#include "cones/frame/dense_scaling.hpp"
 #include "cones/frame/kit_forms.hpp"
 #include "core/owned_array.hpp"
 #include "core/views.hpp"
@@ -11,7 +11,7 @@
 
 namespace dravik::mirel::cones::cpp {
 
-class ZeroConeCpp : public KitForms<ZeroConeCpp> {
+class ZeroConeCpp : public DenseScalingForms<ZeroConeCpp>, public KitForms<ZeroConeCpp> {
 public:
     explicit ZeroConeCpp(uint64_t dim) : dim_(dim) {}
 
@@ -22,8 +22,8 @@ public:
     double violation(const ArrayRef& input) const;
     bool contains(const ArrayRef& input, double atol) const;
 
-    std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
-    OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
+    // The identity, for s and z that pass the zero test. The list and array
+    // forms come from DenseScalingForms.
     void nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
                                       uint64_t batch, uint64_t stream) const;
 
@@ -41,6 +41,8 @@ public:
     static const KitDeviceFns& kit_device();
 
 private:
+    friend class DenseScalingForms<ZeroConeCpp>;
+    OwnedArray dense_scaling(const double* s, const double* z) const;
     void require_zero_pair(const double* s, const double* z, uint64_t n) const;
 
     uint64_t dim_;
