@@ -131,7 +131,7 @@ def test_scaling_maps_s_to_z_and_agrees_with_scipy(m, hooks, rng, n):
     h = scaling_of(m.PsdConeCpp(n), s, z, n <= 2, rtol=1e-13).reshape(len(s), -1)
     close(h @ s, z)
     close(h.T, h, 13)
-    w = hooks.psd_nt_w(s, z, n)
+    w = hooks.psd_nt_congruence(s, z, n)
     close(w @ smat(s, n) @ w, smat(z, n))
     close(w, reference_w(s, z, n), 11)
     # H is the map X -> W X W in svec coordinates.
@@ -143,7 +143,7 @@ def test_scaling_maps_s_to_z_and_agrees_with_scipy(m, hooks, rng, n):
 def test_general_path_follows_the_documented_order(m, hooks, rng, n):
     s, z = (v.tolist() for v in psd_pairs(n, 1, rng))
     w = exact_w(s, z, n)
-    assert np.array_equal(hooks.psd_nt_w(np.array(s), np.array(z), n), w)
+    assert np.array_equal(hooks.psd_nt_congruence(np.array(s), np.array(z), n), w)
     # Every form for n >= 3; for n <= 2 the list and array forms (the batch
     # forms take the closed forms there).
     h = scaling_of(m.PsdConeCpp(n), np.array(s), np.array(z), n <= 2, rtol=1e-13)
@@ -323,7 +323,7 @@ def test_kernel_formulas_give_the_host_bits(m, hooks, rng, n):
     cone.nt_scaling_matrix_batch_into(s, z, out, 1)
     assert np.array_equal(hooks.psd_nt_block_device(s, z, n).ravel(), out)
     if n >= 3:
-        assert np.array_equal(hooks.psd_nt_w_private(s, z, n), hooks.psd_nt_w(s, z, n))
+        assert np.array_equal(hooks.psd_nt_congruence_private(s, z, n), hooks.psd_nt_congruence(s, z, n))
 
 
 @pytest.mark.parametrize("n, s, z", [
@@ -334,7 +334,7 @@ def test_kernel_formulas_give_the_host_bits(m, hooks, rng, n):
 def test_kernel_formulas_mark_non_positive_definite_blocks_nan_throughout(hooks, n, s, z):
     assert np.isnan(hooks.psd_nt_block_device(np.array(s), np.array(z), n)).all()
     if n >= 3:
-        assert np.isnan(hooks.psd_nt_w_private(np.array(s), np.array(z), n)).all()
+        assert np.isnan(hooks.psd_nt_congruence_private(np.array(s), np.array(z), n)).all()
 
 
 @pytest.mark.parametrize("values", [[0.5, 2.0, 3.0], [0.5, 0.0, 3.0], [-1.0, 2.0, 3.0]])

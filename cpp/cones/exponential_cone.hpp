@@ -14,7 +14,7 @@ class ExponentialConeCpp : public DenseScalingForms<ExponentialConeCpp> {
 public:
     explicit ExponentialConeCpp(uint64_t blocks);
 
-    uint64_t dim() const { return 3; }  // the size of one block
+    uint64_t dim() const { return 3; }  // the Python-visible size: the rows of one block
     uint64_t rows() const { return 3 * blocks_; }
     uint64_t blocks() const { return blocks_; }
 

@@ -14,10 +14,10 @@ namespace dravik::mirel::cones::cpp {
 class NonnegativeConeCpp : public DenseScalingForms<NonnegativeConeCpp>,
                            public KitForms<NonnegativeConeCpp> {
 public:
-    explicit NonnegativeConeCpp(uint64_t dim) : dim_(dim) {}
+    explicit NonnegativeConeCpp(uint64_t rows) : rows_(rows) {}
 
-    uint64_t dim() const { return dim_; }
-    uint64_t rows() const { return dim_; }
+    uint64_t dim() const { return rows_; }  // the Python-visible size: rows
+    uint64_t rows() const { return rows_; }
 
     void project_into(const ArrayRef& input, const ArrayRef& output, uint64_t stream) const;
     double violation(const ArrayRef& input) const;
@@ -32,11 +32,11 @@ public:
     void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
 
     // The solver kit (KitForms): entrywise, so its parts are single entries.
-    uint64_t degree() const { return dim_; }
-    NonnegativeKit kit() const { return {dim_}; }
+    uint64_t degree() const { return rows_; }
+    NonnegativeKit kit() const { return {rows_}; }
     NonnegativeKit kit_part() const { return {1}; }
-    uint64_t kit_parts() const { return dim_; }
-    uint64_t kit_size() const { return dim_; }
+    uint64_t kit_parts() const { return rows_; }
+    uint64_t kit_size() const { return rows_; }
     static const char* kit_label() { return "nonnegative"; }
     static const KitDeviceFns& kit_device();
 
@@ -44,7 +44,7 @@ private:
     friend class DenseScalingForms<NonnegativeConeCpp>;
     OwnedArray dense_scaling(const double* s, const double* z) const;
 
-    uint64_t dim_;
+    uint64_t rows_;
 };
 
 }  // namespace dravik::mirel::cones::cpp

@@ -1,4 +1,5 @@
-// One second-order (Lorentz) cone {x : x[0] >= |x[1..dim-1]|} of fixed dim.
+// One second-order (Lorentz) cone {x : x[0] >= |x[1..rows-1]|} of fixed
+// rows.
 #pragma once
 
 #include <cstdint>
@@ -16,17 +17,18 @@ class SecondOrderConeCpp : public DenseScalingForms<SecondOrderConeCpp>,
                            public NtMethodForms<SecondOrderConeCpp>,
                            public KitForms<SecondOrderConeCpp> {
 public:
-    explicit SecondOrderConeCpp(uint64_t dim);
+    explicit SecondOrderConeCpp(uint64_t rows);
 
-    uint64_t dim() const { return dim_; }
-    uint64_t rows() const { return dim_; }
+    uint64_t dim() const { return rows_; }  // the Python-visible size: rows
+    uint64_t rows() const { return rows_; }
+    uint64_t device_size() const { return rows_; }  // what the device entry points take
 
     void project_into(const ArrayRef& input, const ArrayRef& output, uint64_t stream) const;
     double violation(const ArrayRef& input) const;
     bool contains(const ArrayRef& input, double atol) const;
 
-    // The list and array forms come from DenseScalingForms, the batch forms
-    // from NtMethodForms.
+    // H = P(s^1/2) P(G) P(s^-1/2): the list and array forms come from
+    // DenseScalingForms, the batch forms from NtMethodForms.
     static const NtMethodFamily& nt_methods();
 
     // The cone's H block into a caller's CSR or COO value array.
@@ -34,10 +36,10 @@ public:
 
     // The solver kit (KitForms), with the true NT scaling: W symmetric, H = W^-2.
     uint64_t degree() const { return 1; }
-    SocKit kit() const { return {dim_}; }
-    SocKit kit_part() const { return {dim_}; }
+    SocKit kit() const { return {rows_}; }
+    SocKit kit_part() const { return {rows_}; }
     uint64_t kit_parts() const { return 1; }
-    uint64_t kit_size() const { return dim_; }
+    uint64_t kit_size() const { return rows_; }
     static const char* kit_label() { return "SOC"; }
     static const KitDeviceFns& kit_device();
 
@@ -48,7 +50,7 @@ private:
     void scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output, uint64_t batch,
                      uint64_t stream, NtMethod method) const;
 
-    uint64_t dim_;
+    uint64_t rows_;
 };
 
 }  // namespace dravik::mirel::cones::cpp

@@ -13,10 +13,10 @@ namespace dravik::mirel::cones::cpp {
 
 class ZeroConeCpp : public DenseScalingForms<ZeroConeCpp>, public KitForms<ZeroConeCpp> {
 public:
-    explicit ZeroConeCpp(uint64_t dim) : dim_(dim) {}
+    explicit ZeroConeCpp(uint64_t rows) : rows_(rows) {}
 
-    uint64_t dim() const { return dim_; }
-    uint64_t rows() const { return dim_; }
+    uint64_t dim() const { return rows_; }  // the Python-visible size: rows
+    uint64_t rows() const { return rows_; }
 
     void project_into(const ArrayRef& input, const ArrayRef& output, uint64_t stream) const;
     double violation(const ArrayRef& input) const;
@@ -33,10 +33,10 @@ public:
     // The solver kit's trivial answers (KitForms): degree 0, zeros for the
     // identity and H, an unbounded step, an empty scaling.
     uint64_t degree() const { return 0; }
-    ZeroKit kit() const { return {dim_}; }
-    ZeroKit kit_part() const { return {dim_}; }
+    ZeroKit kit() const { return {rows_}; }
+    ZeroKit kit_part() const { return {rows_}; }
     uint64_t kit_parts() const { return 1; }
-    uint64_t kit_size() const { return dim_; }
+    uint64_t kit_size() const { return rows_; }
     static const char* kit_label() { return "zero"; }
     static const KitDeviceFns& kit_device();
 
@@ -45,7 +45,7 @@ private:
     OwnedArray dense_scaling(const double* s, const double* z) const;
     void require_zero_pair(const double* s, const double* z, uint64_t n) const;
 
-    uint64_t dim_;
+    uint64_t rows_;
 };
 
 }  // namespace dravik::mirel::cones::cpp
