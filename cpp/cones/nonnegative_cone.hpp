@@ -31,11 +31,11 @@ public:
     // The cone's H block into a caller's CSR or COO value array.
     void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
 
-    // The solver kit (KitForms): entrywise, so its parts are single entries.
+    // The solver kit (KitForms), entrywise.
+    static constexpr bool kEntrywise = true;
     uint64_t degree() const { return rows_; }
     NonnegativeKit kit() const { return {rows_}; }
-    NonnegativeKit kit_part() const { return {1}; }
-    uint64_t kit_parts() const { return rows_; }
+    static NonnegativeKit kit_of(uint64_t entries) { return {entries}; }
     uint64_t kit_size() const { return rows_; }
     static const char* kit_label() { return "nonnegative"; }
     static const KitDeviceFns& kit_device();

@@ -36,9 +36,8 @@ public:
 
     // The solver kit (KitForms), with the true NT scaling: W symmetric, H = W^-2.
     uint64_t degree() const { return 1; }
+    static constexpr bool kEntrywise = false;
     SocKit kit() const { return {rows_}; }
-    SocKit kit_part() const { return {rows_}; }
-    uint64_t kit_parts() const { return 1; }
     uint64_t kit_size() const { return rows_; }
     static const char* kit_label() { return "SOC"; }
     static const KitDeviceFns& kit_device();

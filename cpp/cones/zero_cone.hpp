@@ -33,9 +33,8 @@ public:
     // The solver kit's trivial answers (KitForms): degree 0, zeros for the
     // identity and H, an unbounded step, an empty scaling.
     uint64_t degree() const { return 0; }
+    static constexpr bool kEntrywise = false;
     ZeroKit kit() const { return {rows_}; }
-    ZeroKit kit_part() const { return {rows_}; }
-    uint64_t kit_parts() const { return 1; }
     uint64_t kit_size() const { return rows_; }
     static const char* kit_label() { return "zero"; }
     static const KitDeviceFns& kit_device();
