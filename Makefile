@@ -4,8 +4,9 @@ BUILD ?= build
 # Fetched build inputs (nanobind), shared by every build folder.
 DEPS ?= build/deps
 PYTEST_ARGS ?=
-# e.g. DEMO_ARGS="--scale 4 --iterations 20 --device cuda"
+# e.g. DEMO_ARGS="--scale 2 --device cuda" (the solve), REFRESH_ARGS="--scale 4 --iterations 20"
 DEMO_ARGS ?=
+REFRESH_ARGS ?=
 # Device code targets; a single one (e.g. CUDA_ARCHS=90-real) builds faster while iterating.
 CUDA_ARCHS ?= 75-real;80-real;86-real;89-real;90-real
 # CUDA backend: AUTO (when a CUDA toolkit is found), ON, or OFF (the CPU-only module).
@@ -18,14 +19,19 @@ SANITIZE_BUILD ?= build-sanitize
 
 RUN = PYTHONPATH=python $(PYTHON)
 
-.PHONY: build demo tour test test-sanitize test-gpu-sanitize fuzz bench clean
+.PHONY: build demo refresh tour test test-sanitize test-gpu-sanitize fuzz bench clean
 
 build:
 	@DRAVIK_DEPS=$(DEPS) bash scripts/build.sh $(PYTHON) $(BUILD) -DCMAKE_CUDA_ARCHITECTURES="$(CUDA_ARCHS)" \
 	  -DDRAVIK_CUDA=$(DRAVIK_CUDA)
 
+# The main job: a conic solve whose cone work runs on the module, against CVXOPT.
 demo: build
-	@$(RUN) demo/kkt_refresh.py $(DEMO_ARGS)
+	@$(RUN) demo/solve.py $(DEMO_ARGS)
+
+# The KKT H-block refresh on synthetic pairs, checked against SciPy's assembly.
+refresh: build
+	@$(RUN) demo/kkt_refresh.py $(REFRESH_ARGS)
 
 tour: build
 	@$(RUN) demo/tour.py

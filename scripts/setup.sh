@@ -45,6 +45,7 @@ has_module pytest || missing+=(python3-pytest)
 if [ "${DRAVIK_SETUP_HOST_TESTS:-1}" != 0 ]; then
   has_module scipy || missing+=(python3-scipy)
   has_module hypothesis || missing+=(python3-hypothesis)
+  has_module cvxopt || missing+=(python3-cvxopt)   # the reference solver's oracle
 fi
 for pair in "${extras[@]}"; do
   has_module "${pair%%=*}" || missing+=("${pair#*=}")

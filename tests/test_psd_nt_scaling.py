@@ -36,7 +36,7 @@ def test_scaling_maps_s_to_z_and_agrees_with_scipy(m, hooks, rng, n):
     h = scaling_of(m.PsdConeCpp(n), s, z, n <= 2, rtol=1e-13).reshape(len(s), -1)
     close(h @ s, z)
     close(h.T, h, 13)
-    w = hooks.psd_nt_w(s, z, n)
+    w = hooks.psd_nt_congruence(s, z, n)
     close(w @ smat(s, n) @ w, smat(z, n))
     close(w, reference_w(s, z, n), 11)
     # H is the map X -> W X W in svec coordinates.
@@ -170,7 +170,7 @@ def test_kernel_formulas_give_the_host_bits(m, hooks, rng, n):
     cone.nt_scaling_matrix_batch_into(s, z, out, 1)
     assert np.array_equal(hooks.psd_nt_block_device(s, z, n).ravel(), out)
     if n >= 3:
-        assert np.array_equal(hooks.psd_nt_w_private(s, z, n), hooks.psd_nt_w(s, z, n))
+        assert np.array_equal(hooks.psd_nt_congruence_private(s, z, n), hooks.psd_nt_congruence(s, z, n))
 
 
 @pytest.mark.parametrize("n, s, z", [
@@ -181,7 +181,7 @@ def test_kernel_formulas_give_the_host_bits(m, hooks, rng, n):
 def test_kernel_formulas_mark_non_positive_definite_blocks_nan_throughout(hooks, n, s, z):
     assert np.isnan(hooks.psd_nt_block_device(np.array(s), np.array(z), n)).all()
     if n >= 3:
-        assert np.isnan(hooks.psd_nt_w_private(np.array(s), np.array(z), n)).all()
+        assert np.isnan(hooks.psd_nt_congruence_private(np.array(s), np.array(z), n)).all()
 
 
 @pytest.mark.parametrize("values", [[0.5, 2.0, 3.0], [0.5, 0.0, 3.0], [-1.0, 2.0, 3.0]])

@@ -42,7 +42,8 @@ def _results():
 # Result annotation by name: the first rule whose pattern the name matches.
 RULES = [(r"_array$|^psd_s(mat|vec)$", "numpy.typing.NDArray[numpy.float64]"),
          (r"^(unit_vector|nt_scaling_matrix)$", "list[float]"), (r"_into$|^__init__$", "None"),
-         (r"^violation$", "float"), (r"^(contains|has_.*)$", "bool"), (r"^(dim|rows)$", "int"),
+         (r"^(violation|max_step)$", "float"), (r"^(contains|has_.*)$", "bool"),
+         (r"^(dim|rows|degree|scaling_length)$", "int"),
          (r"_default_method$|^cuda_runtime_version$|^host_blas_backend$", "str")]
 
 

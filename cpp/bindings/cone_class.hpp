@@ -65,6 +65,57 @@ public:
                                   {array_ref(s), array_ref(z), array_ref(row_indices),
                                    array_ref(col_indices), array_ref(values), row_offset, stream});
     }
+
+    // The solver kit (cones/frame/kit_forms.hpp); a cone registers the
+    // methods it has.
+    void identity_into(WriteVector out, uint64_t batch, uint64_t stream) const {
+        Core::identity_into(array_ref(out), batch, stream);
+    }
+    double max_step(ReadVector x, ReadVector dx, uint64_t batch, uint64_t stream) const {
+        return Core::max_step(array_ref(x), array_ref(dx), batch, stream);
+    }
+    void nt_scaling_into(ReadVector s, ReadVector z, WriteVector scaling, uint64_t batch,
+                         uint64_t stream) const {
+        Core::nt_scaling_into(array_ref(s), array_ref(z), array_ref(scaling), batch, 0.0, stream);
+    }
+    void nt_scaled_point_into(ReadVector scaling, WriteVector lam, uint64_t batch,
+                              uint64_t stream) const {
+        Core::nt_scaled_point_into(array_ref(scaling), array_ref(lam), batch, stream);
+    }
+    void nt_apply_into(ReadVector scaling, ReadVector x, WriteVector out, uint64_t batch,
+                       bool inverse, uint64_t stream) const {
+        Core::nt_apply_into(array_ref(scaling), array_ref(x), array_ref(out), batch, inverse,
+                            stream);
+    }
+    void nt_hessian_into(ReadVector scaling, WriteVector out, uint64_t batch, bool inverse,
+                         uint64_t stream) const {
+        Core::nt_hessian_into(array_ref(scaling), array_ref(out), batch, inverse, stream);
+    }
+    void nt_hessian_csr_values_into(ReadVector scaling, IndexVector indptr, IndexVector indices,
+                                    WriteVector values, uint64_t row_offset, uint64_t batch,
+                                    bool inverse, double scale, uint64_t stream) const {
+        Core::nt_hessian_values_into(SparseLayout::Csr,
+                                     {array_ref(scaling), array_ref(indptr), array_ref(indices),
+                                      array_ref(values), row_offset, batch, inverse, scale,
+                                      stream});
+    }
+    void nt_hessian_coo_values_into(ReadVector scaling, IndexVector row_indices,
+                                    IndexVector col_indices, WriteVector values,
+                                    uint64_t row_offset, uint64_t batch, bool inverse,
+                                    double scale, uint64_t stream) const {
+        Core::nt_hessian_values_into(SparseLayout::Coo,
+                                     {array_ref(scaling), array_ref(row_indices),
+                                      array_ref(col_indices), array_ref(values), row_offset, batch,
+                                      inverse, scale, stream});
+    }
+    void jordan_product_into(ReadVector x, ReadVector y, WriteVector out, uint64_t batch,
+                             uint64_t stream) const {
+        Core::jordan_product_into(array_ref(x), array_ref(y), array_ref(out), batch, stream);
+    }
+    void jordan_divide_into(ReadVector lam, ReadVector v, WriteVector out, uint64_t batch,
+                            uint64_t stream) const {
+        Core::jordan_divide_into(array_ref(lam), array_ref(v), array_ref(out), batch, stream);
+    }
 };
 
 // The cones whose batch NT scaling has a method family add the two forced
@@ -145,6 +196,82 @@ void register_hmatrix_forms(nb::class_<Bound>& cls) {
         .def("hmatrix_coo_values_into", &Bound::hmatrix_coo_values_into, "s"_a.noconvert(),
              "z"_a.noconvert(), "row_indices"_a.noconvert(), "col_indices"_a.noconvert(),
              "values"_a.noconvert(), "row_offset"_a = 0, "stream"_a = 0);
+}
+
+}  // namespace dravik::mirel::cones::cpp
+
+namespace dravik::mirel::cones::cpp {
+
+// The solver kit's methods every cone has: degree, identity, step length,
+// the scaling's length, the dense H and the two coupling-safe fills. Counts
+// and flags take no conversion (a string or float is a TypeError).
+template <class Bound>
+void register_kit_basics(nb::class_<Bound>& cls) {
+    using namespace nb::literals;
+    cls.def("degree", &Bound::degree)
+        .def("identity_into", &Bound::identity_into, "out"_a.noconvert(),
+             "batch"_a.noconvert() = 1, "stream"_a.noconvert() = 0)
+        .def("max_step", &Bound::max_step, "x"_a.noconvert(), "dx"_a.noconvert(),
+             "batch"_a.noconvert() = 1, "stream"_a.noconvert() = 0)
+        .def("scaling_length", &Bound::scaling_length, "batch"_a.noconvert() = 1);
+}
+
+// nt_scaling_into as the symmetric cones have it (no mu).
+template <class Bound>
+void register_kit_nt_scaling(nb::class_<Bound>& cls) {
+    using namespace nb::literals;
+    cls.def("nt_scaling_into", &Bound::nt_scaling_into, "s"_a.noconvert(), "z"_a.noconvert(),
+            "scaling"_a.noconvert(), "batch"_a.noconvert() = 1, "stream"_a.noconvert() = 0);
+}
+
+// The scaled point and the factor W of the symmetric cones.
+template <class Bound>
+void register_kit_factor(nb::class_<Bound>& cls) {
+    using namespace nb::literals;
+    cls.def("nt_scaled_point_into", &Bound::nt_scaled_point_into, "scaling"_a.noconvert(),
+            "lam"_a.noconvert(), "batch"_a.noconvert() = 1, "stream"_a.noconvert() = 0)
+        .def("nt_apply_into", &Bound::nt_apply_into, "scaling"_a.noconvert(), "x"_a.noconvert(),
+             "out"_a.noconvert(), "batch"_a.noconvert() = 1, "inverse"_a.noconvert() = false,
+             "stream"_a.noconvert() = 0);
+}
+
+// The dense H and the coupling-safe fills.
+template <class Bound>
+void register_kit_hessian(nb::class_<Bound>& cls) {
+    using namespace nb::literals;
+    cls.def("nt_hessian_into", &Bound::nt_hessian_into, "scaling"_a.noconvert(),
+            "out"_a.noconvert(), "batch"_a.noconvert() = 1, "inverse"_a.noconvert() = false,
+            "stream"_a.noconvert() = 0)
+        .def("nt_hessian_csr_values_into", &Bound::nt_hessian_csr_values_into,
+             "scaling"_a.noconvert(), "indptr"_a.noconvert(), "indices"_a.noconvert(),
+             "values"_a.noconvert(), "row_offset"_a.noconvert() = 0, "batch"_a.noconvert() = 1,
+             "inverse"_a.noconvert() = false, "scale"_a = 1.0, "stream"_a.noconvert() = 0)
+        .def("nt_hessian_coo_values_into", &Bound::nt_hessian_coo_values_into,
+             "scaling"_a.noconvert(), "row_indices"_a.noconvert(), "col_indices"_a.noconvert(),
+             "values"_a.noconvert(), "row_offset"_a.noconvert() = 0, "batch"_a.noconvert() = 1,
+             "inverse"_a.noconvert() = false, "scale"_a = 1.0, "stream"_a.noconvert() = 0);
+}
+
+// The Jordan product and division of the symmetric cones.
+template <class Bound>
+void register_kit_jordan(nb::class_<Bound>& cls) {
+    using namespace nb::literals;
+    cls.def("jordan_product_into", &Bound::jordan_product_into, "x"_a.noconvert(),
+            "y"_a.noconvert(), "out"_a.noconvert(), "batch"_a.noconvert() = 1,
+            "stream"_a.noconvert() = 0)
+        .def("jordan_divide_into", &Bound::jordan_divide_into, "lam"_a.noconvert(),
+             "v"_a.noconvert(), "out"_a.noconvert(), "batch"_a.noconvert() = 1,
+             "stream"_a.noconvert() = 0);
+}
+
+// Every kit method of a symmetric cone, in one order.
+template <class Bound>
+void register_symmetric_kit(nb::class_<Bound>& cls) {
+    register_kit_basics(cls);
+    register_kit_nt_scaling(cls);
+    register_kit_factor(cls);
+    register_kit_hessian(cls);
+    register_kit_jordan(cls);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -12,6 +12,7 @@ void register_nonnegative_cone(nb::module_& m) {
     auto cls = register_cone_basics<BoundNonnegativeConeCpp>(m, "NonnegativeConeCpp", "dim"_a);
     register_nt_scaling_forms(cls);
     register_hmatrix_forms(cls);
+    register_symmetric_kit(cls);
 }
 
 }  // namespace dravik::mirel::cones::cpp

@@ -13,6 +13,7 @@ void register_second_order_cone(nb::module_& m) {
     register_nt_scaling_forms(cls);
     register_nt_method_family(cls);
     register_hmatrix_forms(cls);
+    register_symmetric_kit(cls);
 }
 
 }  // namespace dravik::mirel::cones::cpp

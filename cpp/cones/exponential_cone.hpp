@@ -3,18 +3,18 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+#include "cones/frame/dense_scaling.hpp"
 #include "core/owned_array.hpp"
 #include "core/views.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
-class ExponentialConeCpp {
+class ExponentialConeCpp : public DenseScalingForms<ExponentialConeCpp> {
 public:
     explicit ExponentialConeCpp(uint64_t blocks);
 
-    uint64_t dim() const { return 3; }  // the size of one block
+    uint64_t dim() const { return 3; }  // the Python-visible size: the rows of one block
     uint64_t rows() const { return 3 * blocks_; }
     uint64_t blocks() const { return blocks_; }
 
@@ -22,9 +22,8 @@ public:
     double violation(const ArrayRef& input) const;
     bool contains(const ArrayRef& input, double atol) const;
 
-    // Block-diagonal scaling: block k maps the s-block onto the z-block.
-    std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
-    OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
+    // Block-diagonal scaling: block k maps the s-block onto the z-block. The
+    // list and array forms come from DenseScalingForms.
     void nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
                                       uint64_t batch, uint64_t stream) const;
 
@@ -32,7 +31,8 @@ public:
     void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
 
 private:
-    std::vector<double> dense_scaling(const ArrayRef& s, const ArrayRef& z) const;
+    friend class DenseScalingForms<ExponentialConeCpp>;
+    OwnedArray dense_scaling(const double* s, const double* z) const;
 
     uint64_t blocks_;
 };

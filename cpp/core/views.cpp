@@ -58,6 +58,16 @@ void require_same_input_device(const VectorView& a, const VectorView& b) {
     if (!same_device(a, b)) fail("input vectors must live on the same device");
 }
 
+void require_same_index_device(const IndexView& first, const IndexView& second,
+                               const VectorView& cone) {
+    if (!same_device(first, cone)) {
+        fail("first sparse index must live on the same device as the cone vectors");
+    }
+    if (!same_device(second, cone)) {
+        fail("second sparse index must live on the same device as the cone vectors");
+    }
+}
+
 VectorView dense_input_view(const ArrayRef& array, uint64_t length, const char* name) {
     VectorView view = checked_vector_view(array, length, name);
     if (is_cuda(view)) fail(std::string(name) + " must be a CPU vector for dense NT scaling");
@@ -111,12 +121,7 @@ SparseFillViews sparse_fill_views(SparseLayout layout, const SparseFillArgs& arg
     if (!csr) check_length(second.size, first.size, "COO col_indices");
     require_same_input_device(sv, zv);
     require_same_device(sv, values);
-    if (!same_device(first, sv)) {
-        fail("first sparse index must live on the same device as the cone vectors");
-    }
-    if (!same_device(second, sv)) {
-        fail("second sparse index must live on the same device as the cone vectors");
-    }
+    require_same_index_device(first, second, sv);
     return {sv, zv, first, second, values};
 }
 

@@ -56,6 +56,10 @@ bool same_device(const A& a, const B& b) {
 
 void require_same_device(const VectorView& input, const VectorView& output);
 void require_same_input_device(const VectorView& a, const VectorView& b);
+// The two index arrays of a sparse fill, first then second, on the device
+// of the cone's vectors.
+void require_same_index_device(const IndexView& first, const IndexView& second,
+                               const VectorView& cone);
 
 // Host-only dense arguments: the usual length and device checks, then a
 // refusal of CUDA memory with the message of the helper that needs the host.

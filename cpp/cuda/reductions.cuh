@@ -10,6 +10,7 @@
 #include <cstddef>
 
 #include "cuda/frame.cuh"
+#include "math/kit.hpp"
 
 namespace dravik::cuda {
 
@@ -29,6 +30,13 @@ __device__ double block_reduce(double value, double* shared, Op op) {
 
 struct AddOp {
     __device__ double operator()(double a, double b) const { return a + b; }
+};
+
+// Minimum that keeps a NaN once one is seen.
+struct LeastOp {
+    __device__ double operator()(double a, double b) const {
+        return mirel::cones::cpp::least_of(a, b);
+    }
 };
 
 // Maximum that keeps a NaN once one is seen, so a NaN reaches the host.

@@ -51,11 +51,11 @@ struct RaiseOnBadPattern {
 // The host CSR pass over the grid's rows in order, through indptr, after the
 // coverage and length checks.
 template <class Value>
-void fill_csr(const SparseFillViews& v, const FillGrid& grid, const Value& value,
-              OffBlock off_block) {
-    require_csr_indptr_covers(v.first.size, grid.row_offset, grid.rows());
-    check_length(v.values.size, v.second.size, "values");
-    fill_csr_rows(grid, v.first.data, v.second.data, v.values.data, v.values.size,
+void fill_csr(const IndexView& indptr, const IndexView& indices, const VectorView& values,
+              const FillGrid& grid, const Value& value, OffBlock off_block) {
+    require_csr_indptr_covers(indptr.size, grid.row_offset, grid.rows());
+    check_length(values.size, indices.size, "values");
+    fill_csr_rows(grid, indptr.data, indices.data, values.data, values.size,
                   RaiseOnBadPattern{}, value, off_block, 0, 1, 0, 1);
 }
 
@@ -63,11 +63,12 @@ void fill_csr(const SparseFillViews& v, const FillGrid& grid, const Value& value
 // (and a negative one fails, whatever row it names); a column index is read
 // only in the grid's rows.
 template <class Value>
-void fill_coo(const SparseFillViews& v, const FillGrid& grid, const Value& value,
+void fill_coo(const IndexView& row_indices, const IndexView& col_indices,
+              const VectorView& values, const FillGrid& grid, const Value& value,
               OffBlock off_block) {
-    check_length(v.second.size, v.first.size, "COO col_indices");
-    check_length(v.values.size, v.first.size, "values");
-    fill_coo_entries(grid, v.first.data, v.second.data, v.values.data, v.first.size,
+    check_length(col_indices.size, row_indices.size, "COO col_indices");
+    check_length(values.size, row_indices.size, "values");
+    fill_coo_entries(grid, row_indices.data, col_indices.data, values.data, row_indices.size,
                      RaiseOnBadPattern{}, value, off_block, 0, 1);
 }
 
@@ -95,9 +96,9 @@ void fill_hmatrix(SparseLayout layout, const SparseFillArgs& args, uint64_t rows
                 prepare(static_cast<const double*>(v.s.data), static_cast<const double*>(v.z.data)));
             const FillGrid grid{args.row_offset, rows, 1};
             if (csr) {
-                fill_csr(v, grid, h, OffBlock::Zero);
+                fill_csr(v.first, v.second, v.values, grid, h, OffBlock::Zero);
             } else {
-                fill_coo(v, grid, h, OffBlock::Zero);
+                fill_coo(v.first, v.second, v.values, grid, h, OffBlock::Zero);
             }
         });
 }
