@@ -51,8 +51,8 @@ MUTANTS = [
     M("no-overflow-check", "cpp/core/errors.hpp", "if (__builtin_mul_overflow(a, b, &result)) {",
       "if (result = a * b, false) {", "size products may wrap"),
     M("packing-same-device", "cpp/cones/psd_packing.cpp",
-      'checked_vector_view(output, dim * dim, "output");\n    require_same_device(in, out);',
-      'checked_vector_view(output, dim * dim, "output");', "smat_into: same-device check dropped"),
+      'checked_vector_view(output, order * order, "output");\n    require_same_device(in, out);',
+      'checked_vector_view(output, order * order, "output");', "smat_into: same-device check dropped"),
     M("unit-index-first", "cpp/cones/frame/dense_builders.hpp",
       'VectorView out = dense_output_view(output, rows, "output");',
       'if (index >= rows) fail("unit vector index out of range");\n'
@@ -110,8 +110,8 @@ MUTANTS = [
       "return n < threshold ? 1", "a team starts at the threshold itself"),
     # second-order cone
     M("soc-contains-strict", "cpp/cones/second_order_cone.cpp",
-      "return in.data[0] >= tail_norm(in.data, dim_) - atol;",
-      "return in.data[0] > tail_norm(in.data, dim_) - atol;", "boundary points not contained"),
+      "return in.data[0] >= tail_norm(in.data, rows_) - atol;",
+      "return in.data[0] > tail_norm(in.data, rows_) - atol;", "boundary points not contained"),
     M("soc-tail-head", "cpp/cones/second_order_cone.cpp", "r.begin == 0 ? 1 : r.begin",
       "r.begin == 0 ? 0 : r.begin", "the tail norm includes the head"),
     M("soc-nan-scale", "cpp/math/second_order.hpp", "r > 0.0 ? a / r : 0.0",
@@ -140,8 +140,8 @@ MUTANTS = [
       "NT scaling accepts a singular matrix"),
     M("psd1-clear", "cpp/cones/psd_nt_host.cpp", "    std::fill(out, out + batch, 0.0);\n", "",
       "order-1 batch: later blocks not cleared"),
-    M("psd2-swap", "cpp/cones/psd_nt_host.cpp", "psd2_nt_w(s + 3 * b, z + 3 * b)",
-      "psd2_nt_w(z + 3 * b, s + 3 * b)", "order-2 batch: s and z swapped"),
+    M("psd2-swap", "cpp/cones/psd_nt_host.cpp", "psd2_nt_congruence(s + 3 * b, z + 3 * b)",
+      "psd2_nt_congruence(z + 3 * b, s + 3 * b)", "order-2 batch: s and z swapped"),
     M("psd-operator-factor", "cpp/math/psd_nt.hpp", "if (i != j) v = v * kSqrt2;",
       "if (k != l) v = v * kSqrt2;", "operator: sqrt(2) by the column position"),
     M("psd-clip", "cpp/cones/psd_cone.cpp", "if (lambda < 0.0) lambda = 0.0;",
@@ -159,8 +159,8 @@ MUTANTS = [
       "pivot ties go to the larger column"),
     M("jacobi-rescan", "cpp/cones/jacobi_eigh.cpp", "if (rot.q + 1 < n_) rescan(rot.q);", "",
       "row q not rescanned after a rotation"),
-    M("psd-method-rule", "cpp/math/nt_method_rules.hpp", "dim >= kPsdCublasMinDim && batch >= 1",
-      "dim >= kPsdCublasMinDim && batch >= 0", "PSD default method: cuBLAS for an empty batch"),
+    M("psd-method-rule", "cpp/math/nt_method_rules.hpp", "order >= kPsdCublasMinOrder && batch >= 1",
+      "order >= kPsdCublasMinOrder && batch >= 0", "PSD default method: cuBLAS for an empty batch"),
 ]
 
 
