@@ -60,7 +60,7 @@ clean:
 	rm -rf $(BUILD) $(SANITIZE_BUILD) python/dravik/mirel/cones/cpp/_cpp_cuda*.so tests/_cpp_cuda_test_hooks*.so
 	rm -f python/dravik/mirel/cones/cpp/_cpp_cuda.pyi
 
-.PHONY: test-cpu test-pip stubs
+.PHONY: test-cpu test-pip stubs mutants
 
 # The CPU-only module (no CUDA toolkit used) in a build folder of its own, and
 # the host suite against it.
@@ -80,3 +80,10 @@ test-pip:
 stubs: build
 	@cp python/dravik/mirel/cones/cpp/_cpp_cuda.pyi tests/reference/_cpp_cuda.pyi
 	@echo "tests/reference/_cpp_cuda.pyi updated; review with git diff"
+
+# Deliberate breakages of the host C++ (scripts/mutants.py), each built
+# CPU-only in a private copy under $(BUILD)/mutants and run against the host
+# suite; prints which the tests catch. MUTANTS="name ..." picks some.
+MUTANTS ?=
+mutants:
+	@$(PYTHON) scripts/mutants.py --python $(PYTHON) --deps $(DEPS) --build $(BUILD)/mutants $(MUTANTS)

@@ -7,9 +7,10 @@ they declare (today's and any added later) exists in that build too.
 
 Each stand-in answers as a machine without a usable device would:
   - dravik_cuda_available: false; dravik_cuda_runtime_version: "none";
-  - a method query dravik_<rule>_cuda(dim, batch) (name ending in
-    _default_method_cuda): the pure rule <rule>(dim, batch) from
-    math/nt_method_rules.hpp, the one the CUDA build answers with;
+  - a method query dravik_<rule>_cuda(size, batch) (name ending in
+    _default_method_cuda; size is rows or order, as the header names it):
+    the pure rule <rule> from math/nt_method_rules.hpp called with the
+    query's own parameters, the one the CUDA build answers with;
   - every other function throws "CUDA runtime is required for CUDA cone
     arrays", the message the module gives before it would reach them.
 """

@@ -55,7 +55,7 @@ race_cases=(
   "tests/test_nonnegative_exponential_gpu.py::test_exp_contains[1000]"
   # soc_violation_kernel
   "tests/test_second_order_gpu.py::test_elementwise_functions_match_host[between-257]"
-  # soc_nt_scaling_columns_kernel, soc_cublas_prepare_factors_kernel; dim 300
+  # soc_nt_scaling_columns_kernel, soc_cublas_prepare_factors_kernel; 300 rows
   # spans more threads than a block has
   "tests/test_second_order_gpu.py::test_nt_scaling_paths_match_host[16-5]"
   "tests/test_second_order_gpu.py::test_nt_scaling_paths_match_host[1-300]"

@@ -1,6 +1,7 @@
 """Helpers shared by the cone test files: the argument-check table every cone
 answers (length, placement and same-device messages in check order, with fake
-device arrays), the NT scaling forms and in-order sums."""
+device arrays, the sparse fills' included), the NT scaling forms and in-order
+sums."""
 import numpy as np
 import pytest
 from fake_dlpack import CUDA, CUDA_HOST, CUDA_MANAGED, FakeDeviceArray
@@ -11,12 +12,48 @@ SAME_IN = "input vectors must live on the same device"
 MARK = 5.0  # every array of a failing call must still hold it afterwards
 
 
-def h(n):
-    return np.full(n, MARK)
+def h(n, dtype=np.float64):
+    return np.full(n, MARK, dtype)
 
 
-def dev(n, device_type=CUDA, device_id=0):
-    return FakeDeviceArray(np.full(n, MARK), device_type, device_id)
+def dev(n, device_type=CUDA, device_id=0, dtype=np.float64):
+    return FakeDeviceArray(h(n, dtype), device_type, device_id)
+
+
+def fill_cases(r, layout):
+    """(args, message) of a sparse fill in check order: s and z (length, then
+    device), the two index arrays (device only), values (as long as indices
+    for CSR, as row_indices for COO), COO col_indices, the same-device rules,
+    then the runtime (before the CSR indptr length)."""
+    k, csr, i = 7, layout == "csr", np.int64
+    names = ("indptr", "indices") if csr else ("row_indices", "col_indices")
+    n1 = r + 1 if csr else k
+    odd1, odd2 = (2, k) if csr else (k, k + 2)  # fail nothing before values
+    length, where = "{} expected {} entries, got {}".format, "{} must be on CPU or CUDA".format
+    same = "{} sparse index must live on the same device as the cone vectors".format
+    cases = [
+        ((h(r + 1), dev(r + 2, CUDA_HOST), h(0, i), h(0, i), h(0)), length("s", r, r + 1)),
+        ((dev(r, CUDA_MANAGED), h(r + 2), h(0, i), h(0, i), h(0)), where("s")),
+        ((h(r), dev(r - 1, CUDA_HOST), h(0, i), h(0, i), h(0)), length("z", r, r - 1)),
+        ((h(r), dev(r, CUDA_HOST), h(0, i), h(0, i), h(0)), where("z")),
+        ((h(r), h(r), dev(n1, CUDA_HOST, 0, i), dev(k, 4, 0, i), h(k + 1)), where(names[0])),
+        ((h(r), h(r), h(n1, i), dev(k, CUDA_MANAGED, 0, i), h(k + 1)), where(names[1])),
+        ((dev(r), dev(r), dev(odd1, dtype=i), dev(odd2, dtype=i), dev(k + 1, CUDA_HOST)),
+         length("values", k, k + 1)),
+        ((dev(r), dev(r), dev(n1, dtype=i), dev(k, dtype=i), dev(k, CUDA_HOST)), where("values")),
+        ((dev(r), dev(r, device_id=1), h(n1, i), h(k, i), h(k)), SAME_IN),
+        ((h(r), h(r), dev(n1, dtype=i), dev(k, dtype=i), dev(k)), SAME_OUT),
+        ((dev(r), dev(r), dev(n1, 2, 1, i), h(k, i), dev(k)), same("first")),
+        ((h(r), h(r), h(n1, i), dev(k, dtype=i), h(k)), same("second")),
+        # CUDA arrays reach the device with none of the host's domain or
+        # pattern checks (these s and z fail every cone's host test).
+        ((dev(r), dev(r), dev(n1, dtype=i), dev(k, dtype=i), dev(k)), RUNTIME),
+    ]
+    return cases + ([((dev(r), dev(r), dev(r, dtype=i), dev(k, dtype=i), dev(k)), RUNTIME)] if csr
+                    else [((h(r), dev(r), h(k, i), h(k + 2, i), h(k)),
+                           length("COO col_indices", k, k + 2)),
+                          ((h(r), h(r), h(k, i), dev(k - 1, 2, 3, i), dev(k)),
+                           length("COO col_indices", k, k - 1))])
 
 
 def check_cases(r):
@@ -65,7 +102,8 @@ def check_cases(r):
         (["unit_vector_into"], (r, dev(r)), "output must be a CPU vector for dense helper output"),
         (["unit_vector_into"], (r, h(r)), "unit vector index out of range"),
         (["unit_vector", "unit_vector_array"], (r,), "unit vector index out of range"),
-    ]
+    ] + [([f"hmatrix_{layout}_values_into"], args, message) for layout in ("csr", "coo")
+         for args, message in fill_cases(r, layout)]
 
 
 def projected(cone, x):
@@ -116,17 +154,6 @@ def assert_scaling_fails(cone, s, z, message, untouched=True):
         with pytest.raises(RuntimeError, match=f"^{message}$"):
             form()
     assert not untouched or all((out == MARK).all() for out in outputs)
-
-
-def assert_batch_matches_items(cone, s, z, batch, method="nt_scaling_matrix_batch_into"):
-    """A batch writes, for its first, middle and last items, what the single form writes."""
-    n = cone.rows
-    out = np.full(n * n * batch, np.nan)
-    getattr(cone, method)(s, z, out, batch)
-    for b in sorted({0, batch // 2, batch - 1}) if batch else []:
-        single = np.full(n * n, MARK)
-        cone.nt_scaling_matrix_into(s[b * n:(b + 1) * n], z[b * n:(b + 1) * n], single)
-        np.testing.assert_array_equal(out[b * n * n:(b + 1) * n * n], single)
 
 
 def sequential_sum(terms):

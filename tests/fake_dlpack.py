@@ -93,10 +93,6 @@ def cuda(n_or_values, device_id=0):
     return FakeDeviceArray(np.asarray(values, dtype=np.float64), CUDA, device_id)
 
 
-def on_device(n, device_type, device_id=0, dtype=np.float64):
-    return FakeDeviceArray(np.zeros(n, dtype=dtype), device_type, device_id)
-
-
 def live_tensors():
     """Number of tensors handed out and not yet released (leak checks)."""
     return len(_alive)

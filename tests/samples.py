@@ -87,34 +87,6 @@ def soc_interior_batch(n, batch, rng):
 
 # ------------------------------------------------------------------- PSD
 
-def documented_jacobi(a):
-    """The documented Jacobi algorithm, step by step, in Python floats:
-    (eigenvalues, V with the eigenvectors as columns)."""
-    n = len(a)
-    a = [list(map(float, row)) for row in a]
-    v = [[float(i == j) for j in range(n)] for i in range(n)]
-    for _ in range(32 * n * n if n > 1 else 0):
-        best, p, q = 0.0, 0, 1
-        for i in range(n - 1):
-            for j in range(i + 1, n):
-                if abs(a[i][j]) > best:
-                    best, p, q = abs(a[i][j]), i, j
-        if best < 1e-12:
-            break
-        theta = 0.5 * math.atan2(2.0 * a[p][q], a[q][q] - a[p][p])
-        c, s = math.cos(theta), math.sin(theta)
-        for k in range(n):
-            x, y = a[p][k], a[q][k]
-            a[p][k], a[q][k] = c * x - s * y, s * x + c * y
-        for k in range(n):
-            x, y = a[k][p], a[k][q]
-            a[k][p], a[k][q] = c * x - s * y, s * x + c * y
-        for k in range(n):
-            x, y = v[k][p], v[k][q]
-            v[k][p], v[k][q] = c * x - s * y, s * x + c * y
-    return np.array([a[i][i] for i in range(n)]), np.array(v)
-
-
 def svec(a):
     """The lower triangle of a row by row, off-diagonal entries times sqrt(2)."""
     rows, cols = np.tril_indices(a.shape[0])

@@ -61,27 +61,20 @@ def test_cuda_libraries_are_needed_by_the_cuda_build_only(m):
         assert cuda == [] and any(n.startswith("libgomp") for n in needed)
 
 
-# (dim, batch) -> method, at the edges of each rule.
-SOC_RULE = [((32, 16), "cublas"), ((32, 15), "custom"), ((33, 16), "custom"),
-            ((1, 10**6), "cublas"), ((1, 0), "custom")]
-PSD_RULE = [((1, 0), "analytic"), ((2, 500), "analytic"), ((3, 0), "custom"),
-            ((3, 15), "custom"), ((7, 1), "custom"), ((8, 0), "custom"), ((3, 16), "cublas"),
-            ((8, 1), "cublas"), ((128, 1), "cublas"), ((129, 16), "custom"),
-            ((129, 1), "custom")]
+# (class, query, dim, batch, method) at the edges of each rule.
+RULES = [("SecondOrderConeCpp", "soc", dim, batch, method) for dim, batch, method in [
+    (32, 16, "cublas"), (32, 15, "custom"), (33, 16, "custom"), (1, 10**6, "cublas"),
+    (1, 0, "custom")]] + [("PsdConeCpp", "psd", dim, batch, method) for dim, batch, method in [
+        (2, 500, "analytic"), (3, 15, "custom"), (7, 1, "custom"), (8, 0, "custom"),
+        (3, 16, "cublas"), (8, 1, "cublas"), (128, 1, "cublas"), (129, 16, "custom")]]
 
 
-@pytest.mark.parametrize("dim_batch, method", SOC_RULE)
-def test_second_order_method_query_answers_in_every_build(m, dim_batch, method):
-    dim, batch = dim_batch
-    assert _query(m, "dravik_soc_nt_scaling_default_method_cuda")(dim, batch) == method
-    assert m.SecondOrderConeCpp(dim).nt_scaling_matrix_default_method(batch) == method
-
-
-@pytest.mark.parametrize("dim_batch, method", PSD_RULE)
-def test_psd_method_query_answers_in_every_build(m, dim_batch, method):
-    dim, batch = dim_batch
-    assert _query(m, "dravik_psd_nt_scaling_default_method_cuda")(dim, batch) == method
-    assert m.PsdConeCpp(dim).nt_scaling_matrix_default_method(batch) == method
+@pytest.mark.parametrize("cls, family, dim, batch, method", RULES)
+def test_method_queries_answer_in_every_build(m, cls, family, dim, batch, method):
+    query = _query(m, f"dravik_{family}_nt_scaling_default_method_cuda")
+    assert query(dim, batch) == getattr(m, cls)(dim).nt_scaling_matrix_default_method(batch) \
+        == method
+    assert getattr(m, cls)(dim).nt_scaling_matrix_default_method() == query(dim, 1)
 
 
 # Declarations of the kinds other parts of the interface add: a method query

@@ -1,17 +1,13 @@
 """Sparse Hessian fills on host arrays against the dense reference (each
 cone's own nt_scaling_matrix scattered into SciPy CSR and COO patterns):
-which entries are written and which stay bit for bit, cones sharing one
-matrix, the index errors with the writes made before them, the per-cone
-input tests, and every argument check in order (fake device arrays for the
-placement and dispatch cases)."""
+which entries are written and which stay bit for bit (cones sharing one
+matrix: test_demo), the index errors with the writes made before them, the
+device traversal run on the host, the per-cone input tests, and the index
+arrays' kind (the argument checks in order are in test_views)."""
 import numpy as np
 import pytest
-import scipy.sparse as sp
-from cone_cases import MARK, RUNTIME, SAME_IN, SAME_OUT
-from fake_dlpack import CUDA, CUDA_HOST, CUDA_MANAGED, FakeDeviceArray
-
-from dravik.mirel.cones.cpp import _cpp_cuda
-from sparse_patterns import (CONE_IDS, CONES, KINDS, LAYOUTS, MALFORMED, PATTERNS, dense_h,
+from cone_cases import MARK
+from sparse_patterns import (CONE_IDS, CONES, LAYOUTS, MALFORMED, PATTERNS, dense_h,
                              device_rule, expected_fill, fill, fill_point, index_arrays, pattern)
 
 I64 = np.int64
@@ -34,46 +30,21 @@ def test_fill_writes_the_block_and_leaves_other_rows(m, rng, kind, order, layout
 
 
 @pytest.mark.parametrize("layout", LAYOUTS)
-def test_cones_at_different_offsets_share_one_matrix(m, rng, layout):
-    """A KKT-like matrix: a free row, then the five cones, then two free rows;
-    each cone refreshes its own rows only, and the free rows stay."""
-    points = [fill_point(m, kind, rng) for kind in KINDS]
-    offsets = np.cumsum([1] + [cone.rows for cone, _, _ in points])
-    size = int(offsets[-1]) + 2
-    dense = rng.random((size, size)) < 0.3
-    blocks = sp.block_diag([np.ones((c.rows, c.rows)) for c, _, _ in points]).toarray() > 0
-    dense[1:offsets[-1], 1:offsets[-1]] |= blocks
-    r, c = np.nonzero(dense)
-    first, second, rows_of, cols_of = index_arrays(
-        layout, sp.coo_matrix((np.ones(len(r)), (r, c)), shape=(size, size)), rng)
-    initial = rng.standard_normal(len(cols_of))
-    values, expected = initial.copy(), initial.copy()
-    for (cone, s, z), offset in zip(points, offsets):
-        fill(cone, layout, s, z, first, second, values, int(offset))
-        expected = expected_fill(rows_of, cols_of, expected, offset, dense_h(cone, s, z))
-    np.testing.assert_array_equal(values, expected)
-
-
-def test_documented_psd_example(m):
-    # W = diag(2, 3): H = diag(4, 6, 9), the off-diagonal pattern entries 0.0.
+def test_documented_examples(m, layout):
+    # diag(z / s) at row_offset 1 of a full 3 x 3 pattern, the entries in
+    # reverse order for COO; PSD 2 x 2 with W = diag(2, 3): H = diag(4, 6, 9).
+    rows, cols = np.repeat(np.arange(3, dtype=I64), 3), np.tile(np.arange(3, dtype=I64), 3)
+    first = np.array([0, 3, 6, 9], I64) if layout == "csr" else rows[::-1].copy()
+    second = cols if layout == "csr" else cols[::-1].copy()
+    values = np.full(9, MARK)
+    fill(m.NonnegativeConeCpp(2), layout, np.array([2.0, 4.0]), np.array([1.0, 3.0]), first,
+         second, values, 1)
+    expected = [MARK] * 3 + [0.0, 0.5, 0.0] + [0.0, 0.0, 0.75]
+    assert (values if layout == "csr" else values[::-1]).tolist() == expected
     values = np.full(9, MARK)
     m.PsdConeCpp(2).hmatrix_coo_values_into(np.array([1.0, 0.0, 1.0]), np.array([4.0, 0.0, 9.0]),
-                                            np.repeat(np.arange(3, dtype=I64), 3),
-                                            np.tile(np.arange(3, dtype=I64), 3), values)
+                                            rows, cols, values)
     assert values.tolist() == [4.0, 0.0, 0.0, 0.0, 6.0, 0.0, 0.0, 0.0, 9.0]
-
-
-def test_documented_nonnegative_example(m):
-    s, z = np.array([2.0, 4.0]), np.array([1.0, 3.0])
-    cone = m.NonnegativeConeCpp(2)
-    indptr, indices = np.array([0, 3, 6, 9], I64), np.tile(np.arange(3, dtype=I64), 3)
-    values = np.full(9, MARK)
-    cone.hmatrix_csr_values_into(s, z, indptr, indices, values, row_offset=1)
-    assert values.tolist() == [MARK] * 3 + [0.0, 0.5, 0.0] + [0.0, 0.0, 0.75]
-    values = np.full(9, MARK)
-    rows = np.repeat(np.arange(3, dtype=I64), 3)
-    cone.hmatrix_coo_values_into(s, z, rows[::-1].copy(), indices[::-1].copy(), values, 1)
-    assert values[::-1].tolist() == [MARK] * 3 + [0.0, 0.5, 0.0] + [0.0, 0.0, 0.75]
 
 
 # --------------------------------------------------------------- index errors
@@ -178,18 +149,14 @@ PSD = "PSD NT scaling requires strictly positive definite matrices"  # all order
 @pytest.mark.parametrize("cls, arg, s, z, message", [
     ("ZeroConeCpp", 2, [0.0, 5e-324], [0.0, 0.0], ZERO),
     ("ZeroConeCpp", 2, [0.0, 0.0], [np.nan, 0.0], ZERO),
-    ("NonnegativeConeCpp", 2, [1.0, 0.0], [1.0, 1.0], NONNEG),
-    ("NonnegativeConeCpp", 2, [1.0, 1.0], [-1.0, 1.0], NONNEG),
+    ("NonnegativeConeCpp", 2, [1.0, 1.0], [-1.0, 0.0], NONNEG),
     ("SecondOrderConeCpp", 3, [5.0, 3.0, 4.0], [2.0, 0.0, 0.0], SOC),   # boundary
-    ("SecondOrderConeCpp", 1, [1.0], [0.0], SOC),
-    ("SecondOrderConeCpp", 2, [np.nan, 0.0], [1.0, 0.0], SOC),
+    ("SecondOrderConeCpp", 2, [1.0, 0.0], [np.nan, 0.0], SOC),
     ("ExponentialConeCpp", 1, [0.0, 0.0, 1.0], [0.0, 1.0, 2.0], EXP),   # y = 0 needs x < 0
     ("ExponentialConeCpp", 1, [0.0, 1.0, 2.0], [-1.0, 0.0, -1e-300], EXP),
     ("ExponentialConeCpp", 1, [0.0, 1.0, 1.0], [0.0, 1.0, 2.0], EXP),   # z = y exp(x / y)
-    ("ExponentialConeCpp", 1, [0.0, 1.0, 2.0], [1000.0, 1.0, 1e308], EXP),  # exp overflows
     ("ExponentialConeCpp", 2, [0.0, 1.0, 2.0, 0.0, 1.0, np.nan], [0.0, 1.0, 2.0] * 2, EXP),
     ("PsdConeCpp", 1, [0.0], [1.0], PSD),
-    ("PsdConeCpp", 2, [1.0, 0.0, 0.0], [1.0, 0.0, 1.0], PSD),         # S singular
     ("PsdConeCpp", 2, [1.0, 0.0, 1.0], [1.0, 0.0, -1.0], PSD),        # Z indefinite
     ("PsdConeCpp", 3, [1.0, 0.0, 1.0, 0.0, 0.0, -2.0], [1.0, 0.0, 1.0, 0.0, 0.0, 1.0], PSD),
 ])
@@ -236,95 +203,6 @@ def test_exponential_fill_accepts_the_ray_and_its_own_overflow_rule(m):
     cone.nt_scaling_matrix(s2, z2)
     with pytest.raises(RuntimeError, match=f"^{EXP}$"):
         cone.hmatrix_coo_values_into(s2, z2, np.zeros(1, I64), np.zeros(1, I64), np.zeros(1))
-
-
-# ------------------------------------------------------ argument checks in order
-
-LENGTH = "{} expected {} entries, got {}".format
-WHERE = "{} must be on CPU or CUDA".format
-FIRST = "first sparse index must live on the same device as the cone vectors"
-SECOND = "second sparse index must live on the same device as the cone vectors"
-
-
-def hf(n):
-    return np.full(n, MARK)
-
-
-def hi(n):
-    return np.full(n, 5, I64)
-
-
-def df(n, device_type=CUDA, device_id=0):
-    return FakeDeviceArray(hf(n), device_type, device_id)
-
-
-def di(n, device_type=CUDA, device_id=0):
-    return FakeDeviceArray(hi(n), device_type, device_id)
-
-
-def hmatrix_check_cases(r, layout):
-    """(args, message) in check order for a cone of r rows: s and z (length,
-    then device), the two index arrays (device only), values (as long as
-    indices for CSR, as row_indices for COO), COO col_indices, then the
-    same-device rules and the runtime."""
-    k, csr = 7, layout == "csr"
-    first_name, second_name = ("indptr", "indices") if csr else ("row_indices", "col_indices")
-    first_n = r + 1 if csr else k
-    # Index lengths that fail nothing before values: a short indptr, a long col_indices.
-    odd_first, odd_second = (2, k) if csr else (k, k + 2)
-    cases = [
-        ((hf(r + 1), df(r + 2, CUDA_HOST), hi(0), hi(0), hf(0)), LENGTH("s", r, r + 1)),
-        ((df(r, CUDA_MANAGED), hf(r + 2), hi(0), hi(0), hf(0)), WHERE("s")),
-        ((hf(r), df(r - 1, CUDA_HOST), hi(0), hi(0), hf(0)), LENGTH("z", r, r - 1)),
-        ((hf(r), df(r, CUDA_HOST), hi(0), hi(0), hf(0)), WHERE("z")),
-        ((hf(r), hf(r), di(first_n, CUDA_HOST), di(k, 4), hf(k + 1)), WHERE(first_name)),
-        ((hf(r), hf(r), hi(first_n), di(k, CUDA_MANAGED), hf(k + 1)), WHERE(second_name)),
-        ((df(r), df(r), di(odd_first), di(odd_second), df(k + 1, CUDA_HOST)),
-         LENGTH("values", k, k + 1)),
-        ((df(r), df(r), di(first_n), di(k), df(k, CUDA_HOST)), WHERE("values")),
-        ((hf(r), df(r), hi(first_n), hi(k), hf(k)), SAME_IN),
-        ((df(r), df(r, device_id=1), di(first_n), di(k), df(k)), SAME_IN),
-        ((hf(r), hf(r), hi(first_n), hi(k), df(k)), SAME_OUT),
-        ((df(r), df(r), di(first_n), di(k), hf(k)), SAME_OUT),
-        ((df(r), df(r), hi(first_n), hi(k), df(k)), FIRST),
-        ((df(r), df(r), di(first_n, device_id=1), hi(k), df(k)), FIRST),
-        ((df(r), df(r), di(first_n), hi(k), df(k)), SECOND),
-        ((hf(r), hf(r), hi(first_n), di(k), hf(k)), SECOND),
-        # CUDA arrays go to the device with none of the host's domain or
-        # pattern checks (these s and z fail every cone's host test).
-        ((df(r), df(r), di(first_n), di(k), df(k)), RUNTIME),
-    ]
-    if csr:  # the runtime is required before the indptr length is looked at
-        cases.append(((df(r), df(r), di(r), di(k), df(k)), RUNTIME))
-    else:
-        cases += [
-            ((hf(r), df(r), hi(k), hi(k + 2), hf(k)), LENGTH("COO col_indices", k, k + 2)),
-            ((hf(r), hf(r), hi(k), di(k - 1, device_id=3), df(k)),
-             LENGTH("COO col_indices", k, k - 1)),
-        ]
-    return cases
-
-
-def _check_params():
-    cones = {"ZeroConeCpp": 3, "NonnegativeConeCpp": 3, "SecondOrderConeCpp": 3,
-             "ExponentialConeCpp": 1, "PsdConeCpp": 2}
-    for cls, arg in cones.items():
-        for layout in LAYOUTS:
-            rows = getattr(_cpp_cuda, cls)(arg).rows
-            for i, (args, message) in enumerate(hmatrix_check_cases(rows, layout)):
-                yield pytest.param(cls, arg, layout, args, message, id=f"{cls}-{layout}-{i}")
-
-
-@pytest.mark.parametrize("cls, arg, layout, args, message", list(_check_params()))
-def test_argument_checks_in_order_touch_nothing(m, cls, arg, layout, args, message):
-    if message == RUNTIME and m.has_cuda():
-        pytest.skip("fake device arrays must not reach a real device")
-    with pytest.raises(RuntimeError) as err:
-        fill(getattr(m, cls)(arg), layout, *args)
-    assert str(err.value) == message
-    for a in args:
-        host = getattr(a, "host", a)
-        assert (host == (MARK if host.dtype == np.float64 else 5)).all()
 
 
 def test_index_arrays_are_int64_without_conversion_and_take_keywords(m):

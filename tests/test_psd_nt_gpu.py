@@ -78,7 +78,7 @@ def test_w_output_matches_the_host(m, gpu, hooks, rng, dim, batch, on_new_stream
     r = rows(dim)
     for b in range(batch):
         sb, zb = s[b * r:(b + 1) * r], z[b * r:(b + 1) * r]
-        close(got[b], hooks.psd_nt_w(sb, zb, dim))
+        close(got[b], hooks.psd_nt_congruence(sb, zb, dim))
         close(got[b] @ smat(sb, dim) @ got[b], smat(zb, dim))
     if hooks.psd_nt_route("w", dim, batch) == "library":
         assert np.array_equal(got, got.transpose(0, 2, 1))   # symmetrised entry by entry

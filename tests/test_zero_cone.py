@@ -7,7 +7,7 @@ from cone_cases import assert_scaling_fails, scaling_of
 ZERO_PAIR = "zero-cone NT scaling requires zero primal and dual vectors"
 
 
-@pytest.mark.parametrize("n", [0, 1, 8192, 8193, 50000])
+@pytest.mark.parametrize("n", [0, 1, 8193])
 @pytest.mark.parametrize("aliased", [False, True])
 def test_projection_writes_positive_zeros(m, rng, n, aliased):
     x = rng.standard_normal(n)
@@ -23,15 +23,6 @@ def test_projection_writes_positive_zeros(m, rng, n, aliased):
     ([0.0, 0.0, 0.0], -1e-8, False), ([0.0, 0.0, 0.0], 0.0, True)])
 def test_membership(m, x, atol, expected):
     assert m.ZeroConeCpp(3).contains(np.array(x), atol) is expected
-
-
-def test_empty_cone(m):
-    cone = m.ZeroConeCpp(0)
-    empty = np.zeros(0)
-    cone.project_into(empty, empty)
-    assert cone.violation(empty) == 0.0 and cone.contains(empty, -1.0) is True
-    assert cone.nt_scaling_matrix_array(empty, empty).shape == (0, 0)
-    assert cone.nt_scaling_matrix(empty, empty) == []
 
 
 @pytest.mark.parametrize("entry, ok", [(1e-11, True), (1e-9, False), (np.nan, True)])
@@ -57,3 +48,8 @@ def test_batch_writes_identity_blocks_after_testing_every_item(m, dim, batch, ba
     with pytest.raises(RuntimeError, match=ZERO_PAIR):
         m.ZeroConeCpp(dim).nt_scaling_matrix_batch_into(np.zeros(dim * batch), s, out, batch)
     assert np.all(out == 3.0)
+
+
+def test_violation_is_the_norm_and_overflows_above_1e154(m):
+    assert m.ZeroConeCpp(2).violation(np.array([3.0, -4.0])) == 5.0
+    assert m.ZeroConeCpp(1).violation(np.array([1e200])) == np.inf

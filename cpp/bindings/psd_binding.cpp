@@ -17,28 +17,31 @@ void register_psd_cone(nb::module_& m) {
     register_hmatrix_forms(cls);
 }
 
+// The matrix order is the Python parameter `dim`.
 void register_psd_functions(nb::module_& m) {
     using namespace nb::literals;
     m.def(
         "psd_smat",
-        [](ReadVector svec, uint64_t dim) { return to_numpy(psd_smat_array(array_ref(svec), dim)); },
+        [](ReadVector svec, uint64_t order) {
+            return to_numpy(psd_smat_array(array_ref(svec), order));
+        },
         "svec"_a.noconvert(), "dim"_a);
     m.def(
         "psd_svec",
-        [](ReadVector matrix, uint64_t dim) {
-            return to_numpy(psd_svec_array(array_ref(matrix), dim));
+        [](ReadVector matrix, uint64_t order) {
+            return to_numpy(psd_svec_array(array_ref(matrix), order));
         },
         "matrix"_a.noconvert(), "dim"_a);
     m.def(
         "psd_smat_into",
-        [](ReadVector svec, WriteVector output, uint64_t dim, uint64_t stream) {
-            psd_smat_into(array_ref(svec), array_ref(output), dim, stream);
+        [](ReadVector svec, WriteVector output, uint64_t order, uint64_t stream) {
+            psd_smat_into(array_ref(svec), array_ref(output), order, stream);
         },
         "svec"_a.noconvert(), "output"_a.noconvert(), "dim"_a, "stream"_a = 0);
     m.def(
         "psd_svec_into",
-        [](ReadVector matrix, WriteVector output, uint64_t dim, uint64_t stream) {
-            psd_svec_into(array_ref(matrix), array_ref(output), dim, stream);
+        [](ReadVector matrix, WriteVector output, uint64_t order, uint64_t stream) {
+            psd_svec_into(array_ref(matrix), array_ref(output), order, stream);
         },
         "matrix"_a.noconvert(), "output"_a.noconvert(), "dim"_a, "stream"_a = 0);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <vector>
 
 #include "cones/frame/dense_builders.hpp"
 #include "cones/frame/dispatch.hpp"
@@ -188,14 +189,13 @@ bool ExponentialConeCpp::contains_dual(const ArrayRef& input, double atol) const
 
 // The dense forms: blocks in order, each after the interior tests of its
 // s-block and z-block, through the checked rank-two builder.
-std::vector<double> ExponentialConeCpp::dense_scaling(const ArrayRef& s, const ArrayRef& z) const {
+OwnedArray ExponentialConeCpp::dense_scaling(const double* s, const double* z) const {
     const uint64_t n = rows();
-    const DensePair p = dense_pair_views(s, z, n);
-    const VectorView &sv = p.s, &zv = p.z;
-    std::vector<double> values(n * n, 0.0);
+    OwnedArray h = make_owned_matrix(n, kScalingLabel);
+    double* values = h.data();
     for (uint64_t k = 0; k < blocks_; ++k) {
-        const double* sk = sv.data + 3 * k;
-        const double* zk = zv.data + 3 * k;
+        const double* sk = s + 3 * k;
+        const double* zk = z + 3 * k;
         if (!exp_block_interior(load_exp_block(sk))) fail_not_interior();
         if (!exp_block_interior(load_exp_block(zk))) fail_not_interior();
         const std::vector<double> block = rank_two_map_values(sk, zk, 3, kScalingLabel);
@@ -203,16 +203,7 @@ std::vector<double> ExponentialConeCpp::dense_scaling(const ArrayRef& s, const A
             for (uint64_t j = 0; j < 3; ++j) values[(3 * k + i) * n + 3 * k + j] = block[3 * i + j];
         }
     }
-    return values;
-}
-
-std::vector<double> ExponentialConeCpp::nt_scaling_matrix(const ArrayRef& s,
-                                                          const ArrayRef& z) const {
-    return dense_scaling(s, z);
-}
-
-OwnedArray ExponentialConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
-    return dense_matrix_array(dense_scaling(s, z), rows(), kScalingLabel);
+    return h;
 }
 
 void ExponentialConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,

@@ -3,8 +3,8 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+#include "cones/frame/dense_scaling.hpp"
 #include "cones/frame/kit_forms.hpp"
 #include "core/owned_array.hpp"
 #include "core/views.hpp"
@@ -12,11 +12,12 @@
 
 namespace dravik::mirel::cones::cpp {
 
-class ExponentialConeCpp : public KitForms<ExponentialConeCpp> {
+class ExponentialConeCpp : public DenseScalingForms<ExponentialConeCpp>,
+                           public KitForms<ExponentialConeCpp> {
 public:
     explicit ExponentialConeCpp(uint64_t blocks);
 
-    uint64_t dim() const { return 3; }  // the size of one block
+    uint64_t dim() const { return 3; }  // the Python-visible size: the rows of one block
     uint64_t rows() const { return 3 * blocks_; }
     uint64_t blocks() const { return blocks_; }
 
@@ -30,9 +31,8 @@ public:
     double violation_dual(const ArrayRef& input) const;
     bool contains_dual(const ArrayRef& input, double atol) const;
 
-    // Block-diagonal scaling: block k maps the s-block onto the z-block.
-    std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
-    OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
+    // Block-diagonal scaling: block k maps the s-block onto the z-block. The
+    // list and array forms come from DenseScalingForms.
     void nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
                                       uint64_t batch, uint64_t stream) const;
 
@@ -40,12 +40,13 @@ public:
     void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
 
     // The solver kit (KitForms): barrier degree 3 per block; the entrywise
-    // operations run block by block (an item's parts are its 3-blocks), H and
-    // the fills see whole items. The primal-dual scaling takes mu.
+    // operations run over runs of 3-blocks, H and the fills see whole items.
+    // The primal-dual scaling takes mu.
+    static constexpr bool kEntrywise = true;
+    static constexpr uint64_t kUnitRows = 3;
     uint64_t degree() const { return 3 * blocks_; }
     ExponentialKit kit() const { return {blocks_}; }
-    ExponentialKit kit_part() const { return {1}; }
-    uint64_t kit_parts() const { return blocks_; }
+    static ExponentialKit kit_of(uint64_t blocks) { return {blocks}; }
     uint64_t kit_size() const { return blocks_; }
     static const char* kit_label() { return "exponential"; }
     static const KitDeviceFns& kit_device();
@@ -63,7 +64,8 @@ public:
 private:
     void gradient_into(const ArrayRef& point, const ArrayRef& output, uint64_t batch,
                        uint64_t stream, bool dual) const;
-    std::vector<double> dense_scaling(const ArrayRef& s, const ArrayRef& z) const;
+    friend class DenseScalingForms<ExponentialConeCpp>;
+    OwnedArray dense_scaling(const double* s, const double* z) const;
 
     uint64_t blocks_;
 };

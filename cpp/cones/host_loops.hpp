@@ -17,7 +17,7 @@
 
 namespace dravik::mirel::cones::cpp {
 
-// What the columns of the second-order NT scaling W = P(B) P(G) P(A) need:
+// What the columns of the second-order scaling matrix H = P(B) P(G) P(A) need:
 // A = s^-1/2, B = s^1/2, G = (P(A) z)^1/2 and their quadratic factors.
 struct SocColumnInputs {
     const double* a;
@@ -29,7 +29,7 @@ struct SocColumnInputs {
     uint64_t n;
 };
 
-// Columns of W formed side by side, one per vector lane; the scratch of one
+// Columns of H formed side by side, one per vector lane; the scratch of one
 // thread holds P(A) e_j and P(G) P(A) e_j for one such group.
 constexpr uint64_t kSocColumnGroup = 8;
 
@@ -67,11 +67,11 @@ struct HostLoops {
     bool (*any_abs_above)(const double* x, uint64_t n, double bound);
     bool (*any_at_most)(const double* x, uint64_t n, double bound);
 
-    // Columns begin .. end - 1 of W into w (row-major, n x n), each by the
+    // Columns begin .. end - 1 of H into h (row-major, n x n), each by the
     // steps of soc_quad_unit_column and soc_quad_apply in their order;
     // scratch holds soc_column_scratch(n) doubles.
-    void (*soc_nt_columns)(const SocColumnInputs& in, uint64_t begin, uint64_t end,
-                           double* scratch, double* w);
+    void (*soc_nt_columns)(const SocColumnInputs& in, uint64_t begin, uint64_t end, double* scratch,
+                           double* h);
 };
 
 // The build this process uses (AVX2 when the CPU has it), chosen once.

@@ -97,65 +97,56 @@ const KitDeviceFns& NonnegativeConeCpp::kit_device() { return kNonnegativeKitDev
 
 void NonnegativeConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
                                       uint64_t stream) const {
-    const InOutViews io = in_out_views(input, output, dim_);
+    const InOutViews io = in_out_views(input, output, rows_);
     const VectorView &in = io.in, &out = io.out;
     run_on(
         in,
         [&](int device) {
-            dravik_nonnegative_project_cuda(in.data, out.data, dim_, device, as_stream(stream));
+            dravik_nonnegative_project_cuda(in.data, out.data, rows_, device, as_stream(stream));
         },
         [&] {
             const double* x = in.data;
             double* o = out.data;
             const HostLoops& loops = host_loops();
-            parallel_blocks(dim_, kParallelThreshold, [&](uint64_t begin, uint64_t end) {
+            parallel_blocks(rows_, kParallelThreshold, [&](uint64_t begin, uint64_t end) {
                 loops.clip_nonnegative(x + begin, o + begin, end - begin);
             });
         });
 }
 
 double NonnegativeConeCpp::violation(const ArrayRef& input) const {
-    const VectorView in = checked_vector_view(input, dim_, "input");
+    const VectorView in = checked_vector_view(input, rows_, "input");
     return run_on(
-        in, [&](int device) { return dravik_nonnegative_violation_cuda(in.data, dim_, device); },
+        in, [&](int device) { return dravik_nonnegative_violation_cuda(in.data, rows_, device); },
         [&] {
             const double* x = in.data;
             const HostLoops& loops = host_loops();
             return std::sqrt(
-                parallel_block_sum(dim_, kParallelThreshold, [&](uint64_t begin, uint64_t end) {
+                parallel_block_sum(rows_, kParallelThreshold, [&](uint64_t begin, uint64_t end) {
                     return loops.negative_sum_sq(x + begin, end - begin);
                 }));
         });
 }
 
 bool NonnegativeConeCpp::contains(const ArrayRef& input, double atol) const {
-    const VectorView in = checked_vector_view(input, dim_, "input");
+    const VectorView in = checked_vector_view(input, rows_, "input");
     return run_on(
         in,
-        [&](int device) { return dravik_nonnegative_contains_cuda(in.data, dim_, device, atol); },
+        [&](int device) { return dravik_nonnegative_contains_cuda(in.data, rows_, device, atol); },
         [&] {
-            if (dim_ <= kParallelThreshold) return all_above_serial(in.data, dim_, atol);
-            return all_above_team(in.data, dim_, atol);
+            if (rows_ <= kParallelThreshold) return all_above_serial(in.data, rows_, atol);
+            return all_above_team(in.data, rows_, atol);
         });
 }
 
-std::vector<double> NonnegativeConeCpp::nt_scaling_matrix(const ArrayRef& s,
-                                                          const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, dim_);
-    const VectorView &sv = p.s, &zv = p.z;
-    return diagonal_ratio_values(zv.data, sv.data, dim_, kScalingLabel);
-}
-
-OwnedArray NonnegativeConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, dim_);
-    const VectorView &sv = p.s, &zv = p.z;
-    return diagonal_ratio_array(zv.data, sv.data, dim_, kScalingLabel);
+OwnedArray NonnegativeConeCpp::dense_scaling(const double* s, const double* z) const {
+    return diagonal_ratio_array(z, s, rows_, kScalingLabel);
 }
 
 void NonnegativeConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
                                                       const ArrayRef& output, uint64_t batch,
                                                       uint64_t stream) const {
-    const uint64_t n = dim_;
+    const uint64_t n = rows_;
     const NtBatchViews v = nt_batch_views(s, z, output, n, batch);
     const VectorView &sv = v.s, &zv = v.z, &out = v.out;
     run_on(
@@ -171,10 +162,10 @@ void NonnegativeConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const A
 void NonnegativeConeCpp::hmatrix_values_into(SparseLayout layout,
                                              const SparseFillArgs& args) const {
     auto prepare = [this](const double* s, const double* z) {
-        require_positive_pairs(s, z, dim_, kFillNotPositive);
+        require_positive_pairs(s, z, rows_, kFillNotPositive);
         return HmatrixDirect{kHmatrixNonnegative, s, z};
     };
-    fill_hmatrix(layout, args, dim_, dim_, kNonnegativeDeviceFills, prepare);
+    fill_hmatrix(layout, args, rows_, rows_, kNonnegativeDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

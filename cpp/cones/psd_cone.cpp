@@ -3,7 +3,6 @@
 #include <cmath>
 #include <vector>
 
-#include "cones/frame/dense_builders.hpp"
 #include "cones/frame/dispatch.hpp"
 #include "cones/frame/nt_methods.hpp"
 #include "cones/frame/sparse_fill.hpp"
@@ -17,10 +16,10 @@ namespace dravik::mirel::cones::cpp {
 namespace {
 
 // The device path has closed forms for 2 x 2 matrices only.
-constexpr uint64_t kDeviceDim = 2;
+constexpr uint64_t kDeviceOrder = 2;
 
-void require_device_dim(uint64_t dim, const char* message) {
-    if (dim != kDeviceDim) fail(message);
+void require_device_order(uint64_t order, const char* message) {
+    if (order != kDeviceOrder) fail(message);
 }
 
 constexpr NtMethodFamily kPsdNtMethods{
@@ -33,17 +32,17 @@ constexpr HmatrixDeviceFills kPsdDeviceFills{dravik_psd_hmatrix_csr_cuda,
                                              dravik_psd_hmatrix_coo_cuda};
 
 // The custom kernels hold their matrices in private arrays of this order.
-void require_custom_dim(uint64_t dim, NtMethod method) {
-    if (method == NtMethod::Custom && dim > kPsdPrivateOrder) {
+void require_custom_order(uint64_t order, NtMethod method) {
+    if (method == NtMethod::Custom && order > kPsdPrivateOrder) {
         fail("CUDA PSD custom NT scaling currently supports dim <= 32");
     }
 }
 
 }  // namespace
 
-PsdConeCpp::PsdConeCpp(uint64_t dim) : dim_(dim), rows_(svec_length(dim)) {
-    if (dim == 0) fail("PSD cone dim must be positive");
-    require_psd_order(dim);
+PsdConeCpp::PsdConeCpp(uint64_t order) : order_(order), rows_(svec_length(order)) {
+    if (order == 0) fail("PSD cone dim must be positive");
+    require_psd_order(order);
 }
 
 void psd_project_host(const double* x, double* out, uint64_t n) {
@@ -88,10 +87,10 @@ void PsdConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
     run_on(
         in,
         [&](int device) {
-            require_device_dim(dim_, "CUDA PSD projection currently supports dim=2");
+            require_device_order(order_, "CUDA PSD projection currently supports dim=2");
             dravik_psd2_project_cuda(in.data, out.data, device, as_stream(stream));
         },
-        [&] { psd_project_host(in.data, out.data, dim_); });
+        [&] { psd_project_host(in.data, out.data, order_); });
 }
 
 double PsdConeCpp::violation(const ArrayRef& input) const {
@@ -99,10 +98,10 @@ double PsdConeCpp::violation(const ArrayRef& input) const {
     return run_on(
         in,
         [&](int device) {
-            require_device_dim(dim_, "CUDA PSD violation currently supports dim=2");
+            require_device_order(order_, "CUDA PSD violation currently supports dim=2");
             return dravik_psd2_violation_cuda(in.data, device);
         },
-        [&] { return psd_violation_host(in.data, dim_); });
+        [&] { return psd_violation_host(in.data, order_); });
 }
 
 bool PsdConeCpp::contains(const ArrayRef& input, double atol) const {
@@ -110,20 +109,19 @@ bool PsdConeCpp::contains(const ArrayRef& input, double atol) const {
     return run_on(
         in,
         [&](int device) {
-            require_device_dim(dim_, "CUDA PSD membership currently supports dim=2");
+            require_device_order(order_, "CUDA PSD membership currently supports dim=2");
             return dravik_psd2_contains_cuda(in.data, device, atol);
         },
-        [&] { return atol >= psd_violation_host(in.data, dim_); });
+        [&] { return atol >= psd_violation_host(in.data, order_); });
 }
 
-std::vector<double> PsdConeCpp::nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, rows_);
-    return psd_nt_operator(p.s.data, p.z.data, dim_);
-}
-
-OwnedArray PsdConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, rows_);
-    return dense_matrix_array(psd_nt_operator(p.s.data, p.z.data, dim_), rows_, "PSD NT scaling");
+// R by the general path (its "matrices" message for every order), then H
+// entry by entry from it.
+OwnedArray PsdConeCpp::dense_scaling(const double* s, const double* z) const {
+    const std::vector<double> r = psd_nt_congruence(s, z, order_);
+    OwnedArray h = make_owned_matrix(rows_, "PSD NT scaling");
+    psd_nt_operator_from_congruence(r.data(), order_, h.data());
+    return h;
 }
 
 const NtMethodFamily& PsdConeCpp::nt_methods() { return kPsdNtMethods; }
@@ -135,21 +133,21 @@ void PsdConeCpp::scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRe
                              uint64_t batch, uint64_t stream, NtMethod method) const {
     const NtBatchViews v = nt_batch_views(s, z, output, rows_, batch);
     run_nt_batch(
-        v, dim_, batch, stream, method, kPsdNtMethods,
-        [this](NtMethod m) { require_custom_dim(dim_, m); },
-        [&] { psd_nt_scaling_batch_host(v.s.data, v.z.data, v.out.data, dim_, batch); });
+        v, order_, batch, stream, method, kPsdNtMethods,
+        [this](NtMethod m) { require_custom_order(order_, m); },
+        [&] { psd_nt_scaling_batch_host(v.s.data, v.z.data, v.out.data, order_, batch); });
 }
 
-// The fill prepares W (n x n, the general path and its "matrices" message)
-// and evaluates each written entry from it; the device entry points take the
-// matrix order.
+// The fill prepares the congruence matrix R (order x order, the general path
+// and its "matrices" message) and evaluates each written entry from it; the
+// device entry points take the matrix order.
 void PsdConeCpp::hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const {
     auto prepare = [this](const double* s, const double* z) {
-        return [w = psd_nt_w(s, z, dim_), n = dim_](uint64_t i, uint64_t j) {
-            return HmatrixPsdW{w.data(), n}(i, j);
+        return [r = psd_nt_congruence(s, z, order_), n = order_](uint64_t i, uint64_t j) {
+            return HmatrixPsdW{r.data(), n}(i, j);
         };
     };
-    fill_hmatrix(layout, args, rows_, dim_, kPsdDeviceFills, prepare);
+    fill_hmatrix(layout, args, rows_, order_, kPsdDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

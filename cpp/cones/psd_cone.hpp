@@ -1,48 +1,51 @@
-// The cone of symmetric positive semidefinite dim x dim matrices, its vectors
-// held in svec form (rows = dim (dim + 1) / 2 entries). Host arrays go through
-// the Jacobi eigen-decomposition on the calling thread. On CUDA arrays,
-// projection, violation and membership exist for dim = 2 (closed-form 2 x 2
-// device functions), NT scaling batches for every dim up to 128.
+// The cone of symmetric positive semidefinite order x order matrices, its
+// vectors held in svec form (rows = order (order + 1) / 2 entries). Host
+// arrays go through the Jacobi eigen-decomposition on the calling thread. On
+// CUDA arrays, projection, violation and membership exist for order 2
+// (closed-form 2 x 2 device functions), NT scaling batches for every order
+// up to 128.
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+#include "cones/frame/dense_scaling.hpp"
 #include "cones/frame/nt_methods.hpp"
 #include "core/owned_array.hpp"
 #include "core/views.hpp"
 
 namespace dravik::mirel::cones::cpp {
 
-class PsdConeCpp : public NtMethodForms<PsdConeCpp> {
+class PsdConeCpp : public DenseScalingForms<PsdConeCpp>, public NtMethodForms<PsdConeCpp> {
 public:
-    explicit PsdConeCpp(uint64_t dim);
+    explicit PsdConeCpp(uint64_t order);
 
-    uint64_t dim() const { return dim_; }
+    uint64_t dim() const { return order_; }  // the Python-visible size: the order
+    uint64_t order() const { return order_; }
     uint64_t rows() const { return rows_; }
+    uint64_t device_size() const { return order_; }  // what the device entry points take
 
     void project_into(const ArrayRef& input, const ArrayRef& output, uint64_t stream) const;
     double violation(const ArrayRef& input) const;
     bool contains(const ArrayRef& input, double atol) const;
 
-    // NT scaling (H, rows x rows per block). The list and array forms take
-    // the general path for every dim; the batch forms take the batched path
-    // (closed forms for dim 1 and 2) or the device.
-    std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
-    OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
-
-    // The batch forms come from NtMethodForms.
+    // NT scaling (H, rows x rows per block, the map X -> R X R of the
+    // congruence matrix R). The list and array forms (from
+    // DenseScalingForms) take the general path for every order; the batch
+    // forms (from NtMethodForms) take the batched path (closed forms for
+    // orders 1 and 2) or the device.
     static const NtMethodFamily& nt_methods();
 
     // The cone's H block into a caller's CSR or COO value array.
     void hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const;
 
 private:
+    friend class DenseScalingForms<PsdConeCpp>;
     friend class NtMethodForms<PsdConeCpp>;
+    OwnedArray dense_scaling(const double* s, const double* z) const;
     void scale_batch(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output, uint64_t batch,
                      uint64_t stream, NtMethod method) const;
 
-    uint64_t dim_;
+    uint64_t order_;
     uint64_t rows_;
 };
 

@@ -27,21 +27,21 @@ void scale_order_one(const double* s, const double* z, double* out, uint64_t bat
 // n = 2: the closed form, each block written once it has passed.
 void scale_order_two(const double* s, const double* z, double* out, uint64_t batch) {
     for (uint64_t b = 0; b < batch; ++b) {
-        const Psd2NtW w = psd2_nt_w(s + 3 * b, z + 3 * b);
-        if (!w.positive) fail(kNotPositiveInputs);
-        psd2_nt_operator(w.w, out + 9 * b);
+        const Psd2NtCongruence c = psd2_nt_congruence(s + 3 * b, z + 3 * b);
+        if (!c.positive) fail(kNotPositiveInputs);
+        psd2_nt_operator(c.r, out + 9 * b);
     }
 }
 
 }  // namespace
 
-void psd_nt_operator_from_w(const double* w, uint64_t n, double* h) {
+void psd_nt_operator_from_congruence(const double* r, uint64_t n, double* h) {
     const uint64_t rows = svec_length(n);
     std::vector<SvecPosition> at(rows);
     for (uint64_t k = 0; k < rows; ++k) at[k] = svec_position(k);
-    for (uint64_t r = 0; r < rows; ++r) {
-        for (uint64_t c = 0; c < rows; ++c) {
-            h[r * rows + c] = psd_nt_operator_entry_at(w, n, at[r], at[c]);
+    for (uint64_t i = 0; i < rows; ++i) {
+        for (uint64_t j = 0; j < rows; ++j) {
+            h[i * rows + j] = psd_nt_operator_entry_at(r, n, at[i], at[j]);
         }
     }
 }
@@ -75,7 +75,7 @@ std::vector<double> dense_matmul(const std::vector<double>& a, const std::vector
     return c;
 }
 
-std::vector<double> psd_nt_w(const double* s, const double* z, uint64_t n) {
+std::vector<double> psd_nt_congruence(const double* s, const double* z, uint64_t n) {
     const std::vector<double> sm = smat_unpack(s, n);
     const std::vector<double> zm = smat_unpack(z, n);
     const std::vector<double> half = psd_matrix_power(sm, n, kPrefix, 0.5);
@@ -85,25 +85,17 @@ std::vector<double> psd_nt_w(const double* s, const double* z, uint64_t n) {
     return dense_matmul(dense_matmul(inv_half, m_half, n), inv_half, n);
 }
 
-std::vector<double> psd_nt_operator(const double* s, const double* z, uint64_t n) {
-    const std::vector<double> w = psd_nt_w(s, z, n);
-    const uint64_t rows = svec_length(n);
-    std::vector<double> h(rows * rows);
-    psd_nt_operator_from_w(w.data(), n, h.data());
-    return h;
-}
-
 void psd_nt_scaling_batch_host(const double* s, const double* z, double* out, uint64_t n,
                                uint64_t batch) {
     if (batch == 0) return;
     if (n == 1) return scale_order_one(s, z, out, batch);
     if (n == 2) return scale_order_two(s, z, out, batch);
-    // H_b = psd_nt_operator(s_b, z_b), written in place: W is complete (or
-    // has raised) before the first entry of the block is written.
+    // H_b from R_b, written in place: R_b is complete (or has raised) before
+    // the first entry of the block is written.
     const uint64_t rows = svec_length(n);
     for (uint64_t b = 0; b < batch; ++b) {
-        const std::vector<double> w = psd_nt_w(s + b * rows, z + b * rows, n);
-        psd_nt_operator_from_w(w.data(), n, out + b * rows * rows);
+        const std::vector<double> r = psd_nt_congruence(s + b * rows, z + b * rows, n);
+        psd_nt_operator_from_congruence(r.data(), n, out + b * rows * rows);
     }
 }
 

@@ -22,13 +22,14 @@ std::vector<double> psd_matrix_power(const std::vector<double>& a, uint64_t n, c
 std::vector<double> dense_matmul(const std::vector<double>& a, const std::vector<double>& b,
                                  uint64_t n);
 
-// The scaling point W = S^-1/2 (S^1/2 Z S^1/2)^1/2 S^-1/2 of svec s and z,
-// S decomposed once per power; neither M nor W symmetrised.
-std::vector<double> psd_nt_w(const double* s, const double* z, uint64_t n);
+// The congruence matrix R = S^-1/2 (S^1/2 Z S^1/2)^1/2 S^-1/2 of svec s
+// and z (R S R = Z), S decomposed once per power; neither M nor R
+// symmetrised.
+std::vector<double> psd_nt_congruence(const double* s, const double* z, uint64_t n);
 
-// H (rows x rows, rows = n (n + 1) / 2), entry by entry from W.
-std::vector<double> psd_nt_operator(const double* s, const double* z, uint64_t n);
-void psd_nt_operator_from_w(const double* w, uint64_t n, double* h);
+// H (rows x rows, rows = n (n + 1) / 2, the map X -> R X R), entry by entry
+// from R, into h.
+void psd_nt_operator_from_congruence(const double* r, uint64_t n, double* h);
 
 // `batch` blocks of H into out (rows^2 each). A failing block b raises after
 // the blocks before it are written; for n = 1 the entries from b on are

@@ -43,9 +43,9 @@ SocNtScaling::SocNtScaling(uint64_t n, const char* not_interior, SocColumnThread
       loops_(loops),
       scratch_(thread_scratch(n) * static_cast<uint64_t>(team_size(n, team_threshold_))) {}
 
-void SocNtScaling::write(const double* s, const double* z, double* w) { write_batch(s, z, w, 1); }
+void SocNtScaling::write(const double* s, const double* z, double* h) { write_batch(s, z, h, 1); }
 
-void SocNtScaling::write_batch(const double* s, const double* z, double* w, uint64_t batch) {
+void SocNtScaling::write_batch(const double* s, const double* z, double* h, uint64_t batch) {
     const uint64_t n = n_;
     std::atomic<bool> failed{false};
     in_one_team(n, team_threshold_, [&](const Team& team) {
@@ -57,17 +57,10 @@ void SocNtScaling::write_batch(const double* s, const double* z, double* w, uint
                 failed.store(true, std::memory_order_relaxed);
                 return;
             }
-            loops_.soc_nt_columns(in, columns.begin, columns.end, work + 4 * n, w + b * n * n);
+            loops_.soc_nt_columns(in, columns.begin, columns.end, work + 4 * n, h + b * n * n);
         }
     });
     if (failed.load()) fail(not_interior_);
-}
-
-std::vector<double> soc_nt_scaling_dense(const double* s, const double* z, uint64_t n) {
-    SocNtScaling scaling(n);
-    std::vector<double> w(n * n, 0.0);
-    scaling.write(s, z, w.data());
-    return w;
 }
 
 }  // namespace dravik::mirel::cones::cpp

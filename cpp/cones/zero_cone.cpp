@@ -62,16 +62,15 @@ constexpr const char* kFillNotZero =
 
 // The zero cone's entry points take no s and z.
 constexpr HmatrixDeviceFills kZeroDeviceFills{
-    [](const double*, const double*, const int64_t* indptr, const int64_t* indices,
-       double* values, size_t nnz, size_t dim, size_t row_offset, int device,
-       cudaStream_t stream) {
-        dravik_zero_hmatrix_csr_cuda(indptr, indices, values, nnz, dim, row_offset, device,
+    [](const double*, const double*, const int64_t* indptr, const int64_t* indices, double* values,
+       size_t nnz, size_t rows, size_t row_offset, int device, cudaStream_t stream) {
+        dravik_zero_hmatrix_csr_cuda(indptr, indices, values, nnz, rows, row_offset, device,
                                      stream);
     },
     [](const double*, const double*, const int64_t* row_indices, const int64_t* col_indices,
-       double* values, size_t nnz, size_t dim, size_t row_offset, int device,
+       double* values, size_t nnz, size_t rows, size_t row_offset, int device,
        cudaStream_t stream) {
-        dravik_zero_hmatrix_coo_cuda(row_indices, col_indices, values, nnz, dim, row_offset,
+        dravik_zero_hmatrix_coo_cuda(row_indices, col_indices, values, nnz, rows, row_offset,
                                      device, stream);
     }};
 
@@ -112,62 +111,55 @@ void ZeroConeCpp::require_zero_pair(const double* s, const double* z, uint64_t n
 
 void ZeroConeCpp::project_into(const ArrayRef& input, const ArrayRef& output,
                                uint64_t stream) const {
-    const InOutViews io = in_out_views(input, output, dim_);
+    const InOutViews io = in_out_views(input, output, rows_);
     const VectorView &in = io.in, &out = io.out;
     run_on(
         in,
         [&](int device) {
-            dravik_zero_project_cuda(in.data, out.data, dim_, device, as_stream(stream));
+            dravik_zero_project_cuda(in.data, out.data, rows_, device, as_stream(stream));
         },
         [&] {
             double* o = out.data;
-            parallel_blocks(dim_, kParallelThreshold, [o](uint64_t begin, uint64_t end) {
+            parallel_blocks(rows_, kParallelThreshold, [o](uint64_t begin, uint64_t end) {
                 std::fill(o + begin, o + end, 0.0);
             });
         });
 }
 
 double ZeroConeCpp::violation(const ArrayRef& input) const {
-    const VectorView in = checked_vector_view(input, dim_, "input");
+    const VectorView in = checked_vector_view(input, rows_, "input");
     return run_on(
-        in, [&](int device) { return dravik_zero_violation_cuda(in.data, dim_, device); },
-        [&] { return std::sqrt(sum_of_squares(in.data, dim_)); });
+        in, [&](int device) { return dravik_zero_violation_cuda(in.data, rows_, device); },
+        [&] { return std::sqrt(sum_of_squares(in.data, rows_)); });
 }
 
 bool ZeroConeCpp::contains(const ArrayRef& input, double atol) const {
-    const VectorView in = checked_vector_view(input, dim_, "input");
+    const VectorView in = checked_vector_view(input, rows_, "input");
     return run_on(
-        in, [&](int device) { return dravik_zero_contains_cuda(in.data, dim_, device, atol); },
+        in, [&](int device) { return dravik_zero_contains_cuda(in.data, rows_, device, atol); },
         [&] {
             // On the calling thread, a chunk at a time, stopping at the first
             // chunk with an entry whose absolute value is above atol.
             const HostLoops& loops = host_loops();
             const double* x = in.data;
             return !scan_chunks(
-                dim_,
-                [&](uint64_t i, uint64_t length) { return loops.any_abs_above(x + i, length, atol); },
+                rows_,
+                [&](uint64_t i, uint64_t length) {
+                    return loops.any_abs_above(x + i, length, atol);
+                },
                 [] { return false; });
         });
 }
 
-std::vector<double> ZeroConeCpp::nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, dim_);
-    const VectorView &sv = p.s, &zv = p.z;
-    require_zero_pair(sv.data, zv.data, dim_);
-    return identity_values(dim_);
-}
-
-OwnedArray ZeroConeCpp::nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const {
-    const DensePair p = dense_pair_views(s, z, dim_);
-    const VectorView &sv = p.s, &zv = p.z;
-    require_zero_pair(sv.data, zv.data, dim_);
-    return identity_array(dim_);
+OwnedArray ZeroConeCpp::dense_scaling(const double* s, const double* z) const {
+    require_zero_pair(s, z, rows_);
+    return identity_array(rows_);
 }
 
 void ZeroConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z,
                                                const ArrayRef& output, uint64_t batch,
                                                uint64_t stream) const {
-    const uint64_t n = dim_;
+    const uint64_t n = rows_;
     const NtBatchViews v = nt_batch_views(s, z, output, n, batch);
     const VectorView &sv = v.s, &zv = v.z, &out = v.out;
     run_on(
@@ -180,10 +172,10 @@ void ZeroConeCpp::nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef
 
 void ZeroConeCpp::hmatrix_values_into(SparseLayout layout, const SparseFillArgs& args) const {
     auto prepare = [this](const double* s, const double* z) {
-        require_pairs(s, z, dim_, exactly_zero, kFillNotZero);
+        require_pairs(s, z, rows_, exactly_zero, kFillNotZero);
         return HmatrixDirect{kHmatrixZero, nullptr, nullptr};
     };
-    fill_hmatrix(layout, args, dim_, dim_, kZeroDeviceFills, prepare);
+    fill_hmatrix(layout, args, rows_, rows_, kZeroDeviceFills, prepare);
 }
 
 }  // namespace dravik::mirel::cones::cpp

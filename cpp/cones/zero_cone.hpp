@@ -2,8 +2,8 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+#include "cones/frame/dense_scaling.hpp"
 #include "cones/frame/kit_forms.hpp"
 #include "core/owned_array.hpp"
 #include "core/views.hpp"
@@ -11,19 +11,19 @@
 
 namespace dravik::mirel::cones::cpp {
 
-class ZeroConeCpp : public KitForms<ZeroConeCpp> {
+class ZeroConeCpp : public DenseScalingForms<ZeroConeCpp>, public KitForms<ZeroConeCpp> {
 public:
-    explicit ZeroConeCpp(uint64_t dim) : dim_(dim) {}
+    explicit ZeroConeCpp(uint64_t rows) : rows_(rows) {}
 
-    uint64_t dim() const { return dim_; }
-    uint64_t rows() const { return dim_; }
+    uint64_t dim() const { return rows_; }  // the Python-visible size: rows
+    uint64_t rows() const { return rows_; }
 
     void project_into(const ArrayRef& input, const ArrayRef& output, uint64_t stream) const;
     double violation(const ArrayRef& input) const;
     bool contains(const ArrayRef& input, double atol) const;
 
-    std::vector<double> nt_scaling_matrix(const ArrayRef& s, const ArrayRef& z) const;
-    OwnedArray nt_scaling_matrix_array(const ArrayRef& s, const ArrayRef& z) const;
+    // The identity, for s and z that pass the zero test. The list and array
+    // forms come from DenseScalingForms.
     void nt_scaling_matrix_batch_into(const ArrayRef& s, const ArrayRef& z, const ArrayRef& output,
                                       uint64_t batch, uint64_t stream) const;
 
@@ -33,17 +33,18 @@ public:
     // The solver kit's trivial answers (KitForms): degree 0, zeros for the
     // identity and H, an unbounded step, an empty scaling.
     uint64_t degree() const { return 0; }
-    ZeroKit kit() const { return {dim_}; }
-    ZeroKit kit_part() const { return {dim_}; }
-    uint64_t kit_parts() const { return 1; }
-    uint64_t kit_size() const { return dim_; }
+    static constexpr bool kEntrywise = false;
+    ZeroKit kit() const { return {rows_}; }
+    uint64_t kit_size() const { return rows_; }
     static const char* kit_label() { return "zero"; }
     static const KitDeviceFns& kit_device();
 
 private:
+    friend class DenseScalingForms<ZeroConeCpp>;
+    OwnedArray dense_scaling(const double* s, const double* z) const;
     void require_zero_pair(const double* s, const double* z, uint64_t n) const;
 
-    uint64_t dim_;
+    uint64_t rows_;
 };
 
 }  // namespace dravik::mirel::cones::cpp

@@ -81,23 +81,23 @@ private:
     cusolverDnHandle_t handle_ = nullptr;
 };
 
-// c_b := x_b y_b for every b < batch, all row-major dim x dim blocks stored
+// c_b := x_b y_b for every b < batch, all row-major n x n blocks stored
 // one after another, on `stream`. cuBLAS reads column-major, where a
 // row-major block is its transpose, so passing y as its A operand and x as
 // its B operand yields (x y)^T column-major, which is x y row-major. The
 // sizes and the batch count are 32-bit for cuBLAS; callers keep them there.
 inline void batched_gemm(CublasHandle& library, const double* x, const double* y, double* c,
-                         size_t dim, size_t batch, cudaStream_t stream) {
+                         size_t n, size_t batch, cudaStream_t stream) {
     cublasHandle_t handle = library.get();
     check_cublas(cublasSetStream(handle, stream), "cublasSetStream", library.wording());
     const double alpha = 1.0;
     const double beta = 0.0;
-    const int n = static_cast<int>(dim);
-    const long long stride = static_cast<long long>(dim * dim);
-    check_cublas(
-        cublasDgemmStridedBatched(handle, CUBLAS_OP_N, CUBLAS_OP_N, n, n, n, &alpha, y, n, stride,
-                                  x, n, stride, &beta, c, n, stride, static_cast<int>(batch)),
-        "cublasDgemmStridedBatched", library.wording());
+    const int order = static_cast<int>(n);
+    const long long stride = static_cast<long long>(n * n);
+    check_cublas(cublasDgemmStridedBatched(handle, CUBLAS_OP_N, CUBLAS_OP_N, order, order, order,
+                                           &alpha, y, order, stride, x, order, stride, &beta, c,
+                                           order, stride, static_cast<int>(batch)),
+                 "cublasDgemmStridedBatched", library.wording());
 }
 
 }  // namespace dravik::cuda

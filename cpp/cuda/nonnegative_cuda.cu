@@ -13,18 +13,17 @@
 namespace dravik::cuda {
 
 __global__ void nonnegative_nt_scaling_kernel(const double* s, const double* z, double* out,
-                                              size_t dim, size_t batch) {
+                                              size_t rows, size_t batch) {
     const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
-    if (e >= dim * dim * batch) return;
-    const BatchEntry at = batch_entry(e, dim);
+    if (e >= rows * rows * batch) return;
+    const BatchEntry at = batch_entry(e, rows);
     if (at.row != at.col) {
         out[e] = 0.0;
         return;
     }
-    const size_t i = at.item * dim + at.row;
+    const size_t i = at.item * rows + at.row;
     out[e] = z[i] / s[i];
 }
-
 
 namespace cone = dravik::mirel::cones::cpp;
 
@@ -62,41 +61,41 @@ bool aligned_to(const void* p, uintptr_t bytes) {
 using namespace dravik::cuda;
 
 extern "C" void dravik_nonnegative_nt_scaling_batch_cuda(const double* s, const double* z,
-                                                         double* out, size_t dim, size_t batch,
+                                                         double* out, size_t rows, size_t batch,
                                                          int device, cudaStream_t stream) {
     ensure_device(device);
-    const size_t entries = dim * dim * batch;
+    const size_t entries = rows * rows * batch;
     if (entries == 0) return;
     DRAVIK_LAUNCH(nonnegative_nt_scaling_kernel, ceil_blocks(entries), kThreads, 0, stream, s, z,
-                  out, dim, batch);
+                  out, rows, batch);
 }
 
 extern "C" {
 
-void dravik_nonnegative_project_cuda(const double* x, double* out, size_t n, int device,
+void dravik_nonnegative_project_cuda(const double* x, double* out, size_t rows, int device,
                                      cudaStream_t stream) {
     ensure_device(device);
-    if (n == 0) return;
-    if (n % 4 == 0 && aligned_to(x, 32) && aligned_to(out, 32)) {
-        const size_t count = n / 4;
+    if (rows == 0) return;
+    if (rows % 4 == 0 && aligned_to(x, 32) && aligned_to(out, 32)) {
+        const size_t count = rows / 4;
         DRAVIK_LAUNCH(nonnegative4_kernel, ceil_blocks(count), kThreads, 0, stream,
                       reinterpret_cast<const double4_32a*>(x), reinterpret_cast<double4_32a*>(out),
                       count);
-    } else if (n % 2 == 0 && aligned_to(x, 16) && aligned_to(out, 16)) {
-        const size_t count = n / 2;
+    } else if (rows % 2 == 0 && aligned_to(x, 16) && aligned_to(out, 16)) {
+        const size_t count = rows / 2;
         DRAVIK_LAUNCH(nonnegative2_kernel, ceil_blocks(count), kThreads, 0, stream,
                       reinterpret_cast<const double2*>(x), reinterpret_cast<double2*>(out), count);
     } else {
-        DRAVIK_LAUNCH(nonnegative_kernel, ceil_blocks(n), kThreads, 0, stream, x, out, n);
+        DRAVIK_LAUNCH(nonnegative_kernel, ceil_blocks(rows), kThreads, 0, stream, x, out, rows);
     }
 }
 
-double dravik_nonnegative_violation_cuda(const double* x, size_t n, int device) {
-    return elementwise_violation(x, n, device, kReduceNegative);
+double dravik_nonnegative_violation_cuda(const double* x, size_t rows, int device) {
+    return elementwise_violation(x, rows, device, kReduceNegative);
 }
 
-bool dravik_nonnegative_contains_cuda(const double* x, size_t n, int device, double atol) {
-    return elementwise_contains(x, n, device, atol, kReduceNegative);
+bool dravik_nonnegative_contains_cuda(const double* x, size_t rows, int device, double atol) {
+    return elementwise_contains(x, rows, device, atol, kReduceNegative);
 }
 
 }  // extern "C"

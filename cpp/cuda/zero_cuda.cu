@@ -10,10 +10,10 @@
 
 namespace dravik::cuda {
 
-__global__ void zero_nt_scaling_kernel(double* out, size_t dim, size_t batch) {
+__global__ void zero_nt_scaling_kernel(double* out, size_t rows, size_t batch) {
     const size_t e = static_cast<size_t>(blockIdx.x) * blockDim.x + threadIdx.x;
-    if (e >= dim * dim * batch) return;
-    const BatchEntry at = batch_entry(e, dim);
+    if (e >= rows * rows * batch) return;
+    const BatchEntry at = batch_entry(e, rows);
     out[e] = at.row == at.col ? 1.0 : 0.0;
 }
 
@@ -21,30 +21,30 @@ __global__ void zero_nt_scaling_kernel(double* out, size_t dim, size_t batch) {
 
 using namespace dravik::cuda;
 
-extern "C" void dravik_zero_nt_scaling_batch_cuda(double* out, size_t dim, size_t batch, int device,
-                                                  cudaStream_t stream) {
+extern "C" void dravik_zero_nt_scaling_batch_cuda(double* out, size_t rows, size_t batch,
+                                                  int device, cudaStream_t stream) {
     ensure_device(device);
-    const size_t entries = dim * dim * batch;
+    const size_t entries = rows * rows * batch;
     if (entries == 0) return;
-    DRAVIK_LAUNCH(zero_nt_scaling_kernel, ceil_blocks(entries), kThreads, 0, stream, out, dim,
+    DRAVIK_LAUNCH(zero_nt_scaling_kernel, ceil_blocks(entries), kThreads, 0, stream, out, rows,
                   batch);
 }
 
 extern "C" {
 
-void dravik_zero_project_cuda(const double* /*x*/, double* out, size_t n, int device,
+void dravik_zero_project_cuda(const double* /*x*/, double* out, size_t rows, int device,
                               cudaStream_t stream) {
     ensure_device(device);
-    if (n == 0) return;
-    check_cuda(cudaMemsetAsync(out, 0, n * sizeof(double), stream), "cudaMemsetAsync");
+    if (rows == 0) return;
+    check_cuda(cudaMemsetAsync(out, 0, rows * sizeof(double), stream), "cudaMemsetAsync");
 }
 
-double dravik_zero_violation_cuda(const double* x, size_t n, int device) {
-    return elementwise_violation(x, n, device, kReduceWhole);
+double dravik_zero_violation_cuda(const double* x, size_t rows, int device) {
+    return elementwise_violation(x, rows, device, kReduceWhole);
 }
 
-bool dravik_zero_contains_cuda(const double* x, size_t n, int device, double atol) {
-    return elementwise_contains(x, n, device, atol, kReduceWhole);
+bool dravik_zero_contains_cuda(const double* x, size_t rows, int device, double atol) {
+    return elementwise_contains(x, rows, device, atol, kReduceWhole);
 }
 
 }  // extern "C"

@@ -77,7 +77,13 @@ struct HmatrixPsdW {
 template <class H>
 struct OneItem {
     H h;
-    DRAVIK_HD double operator()(size_t, size_t i, size_t j) const { return h(i, j); }
+
+    struct Row {
+        const H& h;
+        size_t i;
+        DRAVIK_HD double operator()(size_t j) const { return h(i, j); }
+    };
+    DRAVIK_HD Row row(size_t, size_t i) const { return {h, i}; }
 };
 
 template <class H>

@@ -41,9 +41,17 @@ struct KitFillValue {
     bool inverse;
     double scale;
 
-    DRAVIK_HD double operator()(size_t item, size_t i, size_t j) const {
-        return scale * kit_symmetric_entry(kit, scaling + item * kit.scaling_length(), i, j,
-                                           inverse);
+    struct Row {
+        const KitFillValue& fill;
+        const double* scaling;  // the item's
+        size_t i;
+        DRAVIK_HD double operator()(size_t j) const {
+            return fill.scale * kit_symmetric_entry(fill.kit, scaling, i, j, fill.inverse);
+        }
+    };
+
+    DRAVIK_HD Row row(size_t item, size_t i) const {
+        return {*this, scaling + item * kit.scaling_length(), i};
     }
 };
 

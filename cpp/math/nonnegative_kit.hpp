@@ -28,22 +28,20 @@ struct NonnegativeKit {
         for (size_t i = 0; i < n; ++i) e[i] = 1.0;
     }
 
-    // The smallest x_i / -dx_i over dx_i < 0, stepped down; NaN when a dx_i
-    // is NaN.
+    // The smallest x_i / -dx_i over dx_i < 0, stepped down once (stepping
+    // down is monotone, so the least quotient's step is the least step);
+    // NaN when a dx_i is NaN.
     DRAVIK_HD bool max_step(const double* x, const double* dx, double*, double* alpha) const {
         double best = INFINITY;
-        for (size_t i = 0; i < n; ++i) {
-            if (!(x[i] >= 0.0)) return false;
-            if (dx[i] != dx[i]) {
-                best = dx[i];
-                break;
-            }
-            if (dx[i] < 0.0) {
-                const double a = step_down(x[i] / -dx[i]);
-                if (a < best) best = a;
-            }
+        bool outside = false, nan_direction = false;
+        for (size_t i = 0; i < n; ++i) {  // no early exit: the loop vectorises
+            outside |= !(x[i] >= 0.0);
+            nan_direction |= dx[i] != dx[i];
+            const double quotient = dx[i] < 0.0 ? x[i] / -dx[i] : INFINITY;
+            best = quotient < best ? quotient : best;
         }
-        *alpha = best;
+        if (outside) return false;
+        *alpha = nan_direction ? kit_refused() : step_down(best);
         return true;
     }
 

@@ -1,13 +1,14 @@
 // PSD Nesterov-Todd scaling, the pieces written once for the host and the
-// kernels. The scaling point of a pair of positive definite matrices S, Z is
-//   W = S^-1/2 (S^1/2 Z S^1/2)^1/2 S^-1/2,
-// and the scaling matrix H is the map X -> W X W in svec coordinates.
+// kernels. The congruence matrix of a pair of positive definite matrices
+// S, Z is
+//   R = S^-1/2 (S^1/2 Z S^1/2)^1/2 S^-1/2   (R S R = Z),
+// and the scaling matrix H is the map X -> R X R in svec coordinates.
 // Dense matrices are row-major n x n. Every expression is written in the
 // order the host evaluates it, products and sums rounded one at a time.
 //
 // Where the host raises on an input that is not positive definite, these
 // pieces mark it with NaN instead: a non-positive eigenvalue becomes NaN
-// before its power, so the whole power, and with it the whole W and H of the
+// before its power, so the whole power, and with it the whole R and H of the
 // block, come out NaN. The host tests positivity first and raises; the
 // kernels, which have no error channel, write the NaN.
 #pragma once
@@ -26,27 +27,29 @@ namespace dravik::mirel::cones::cpp {
 
 // ------------------------------------------------------------ the operator
 
-// H[r][c], the svec-space matrix of X -> W X W at svec positions r and c.
-// With r at (j, i) and c at (l, k) of the lower triangle:
-// (W[i][k] W[j][l] + W[j][k] W[i][l]) / sqrt(2) when k != l, else
-// W[j][l] W[i][l]; then times sqrt(2) when i != j (both, in that order,
+// H[row][col], the svec-space matrix of X -> R X R at svec positions row
+// and col, from the row-major n x n congruence matrix r. With row at (j, i)
+// and col at (l, k) of the lower triangle:
+// (R[i][k] R[j][l] + R[j][k] R[i][l]) / sqrt(2) when k != l, else
+// R[j][l] R[i][l]; then times sqrt(2) when i != j (both, in that order,
 // when both positions are off the diagonal). Loops over many entries pass
 // the decoded positions.
-DRAVIK_HD inline double psd_nt_operator_entry_at(const double* w, uint64_t n, SvecPosition row,
+DRAVIK_HD inline double psd_nt_operator_entry_at(const double* r, uint64_t n, SvecPosition row,
                                                  SvecPosition col) {
     const uint64_t j = row.row, i = row.col, l = col.row, k = col.col;
     double v = 0.0;
     if (k != l) {
-        v = (w[i * n + k] * w[j * n + l] + w[j * n + k] * w[i * n + l]) / kSqrt2;
+        v = (r[i * n + k] * r[j * n + l] + r[j * n + k] * r[i * n + l]) / kSqrt2;
     } else {
-        v = w[j * n + l] * w[i * n + l];
+        v = r[j * n + l] * r[i * n + l];
     }
     if (i != j) v = v * kSqrt2;
     return v;
 }
 
-DRAVIK_HD inline double psd_nt_operator_entry(const double* w, uint64_t n, uint64_t r, uint64_t c) {
-    return psd_nt_operator_entry_at(w, n, svec_position(r), svec_position(c));
+DRAVIK_HD inline double psd_nt_operator_entry(const double* r, uint64_t n, uint64_t row,
+                                              uint64_t col) {
+    return psd_nt_operator_entry_at(r, n, svec_position(row), svec_position(col));
 }
 
 // ------------------------------------------------- dense products and powers
@@ -122,10 +125,12 @@ DRAVIK_HD inline void psd_sqrt_pair_private(const double* s, uint64_t n, double*
     psd_power_from_vt(vt, mu, n, inv_half);
 }
 
-// The W of one block (n <= 32) by the host's steps, in seven private
-// matrices: S^1/2 Z first, then times S^1/2; S^-1/2 M^1/2 first, then times
-// S^-1/2. Neither M nor W is symmetrised. w is written entry by entry.
-DRAVIK_HD inline void psd_nt_w_private(const double* s, const double* z, uint64_t n, double* w) {
+// The congruence matrix R of one block (n <= 32) by the host's steps, in
+// seven private matrices: S^1/2 Z first, then times S^1/2; S^-1/2 M^1/2
+// first, then times S^-1/2. Neither M nor R is symmetrised. r is written
+// entry by entry.
+DRAVIK_HD inline void psd_nt_congruence_private(const double* s, const double* z, uint64_t n,
+                                                double* r) {
     double a[kPsdPrivateEntries], vt[kPsdPrivateEntries], zm[kPsdPrivateEntries];
     double half[kPsdPrivateEntries], inv_half[kPsdPrivateEntries];
     double t[kPsdPrivateEntries], m[kPsdPrivateEntries];
@@ -136,7 +141,7 @@ DRAVIK_HD inline void psd_nt_w_private(const double* s, const double* z, uint64_
     dense_matmul_into(t, half, m, n);
     psd_matrix_power_private(m, n, 0.5, a, vt, mu, half);  // M^1/2, S^1/2 no longer needed
     dense_matmul_into(inv_half, half, t, n);
-    dense_matmul_into(t, inv_half, w, n);
+    dense_matmul_into(t, inv_half, r, n);
 }
 
 // ------------------------------------------------------ closed forms, n <= 2
@@ -149,14 +154,14 @@ DRAVIK_HD inline double psd1_nt_scaling_entry(double s, double z) {
     return psd1_positive(s, z) ? z / s : not_positive_mark();
 }
 
-// n = 2: W = [[a, b], [b, c]] of one block from its svec s and z, and
-// whether every power met positive eigenvalues. M and W are symmetrised.
-struct Psd2NtW {
-    Psd2Matrix w;
+// n = 2: R = [[a, b], [b, c]] of one block from its svec s and z, and
+// whether every power met positive eigenvalues. M and R are symmetrised.
+struct Psd2NtCongruence {
+    Psd2Matrix r;
     bool positive;
 };
 
-DRAVIK_HD inline Psd2NtW psd2_nt_w(const double* s, const double* z) {
+DRAVIK_HD inline Psd2NtCongruence psd2_nt_congruence(const double* s, const double* z) {
     const double a = s[0], bs = s[1] / kSqrt2, c = s[2];
     const double z0 = z[0], zb = z[1] / kSqrt2, z2 = z[2];
     const Psd2Power ph = psd2_matrix_power(a, bs, c, 0.5);
@@ -171,33 +176,33 @@ DRAVIK_HD inline Psd2NtW psd2_nt_w(const double* s, const double* z) {
     const double m00 = pa * y00 + pb * y10;
     const double m11 = pc * y11 + pb * y01;
     const double m01 = ((pb * y00 + pc * y10) + (y01 * pa + y11 * pb)) * 0.5;
-    const Psd2Power rh = psd2_matrix_power(m00, m01, m11, 0.5);
-    const double ra = rh.value.a, rb = rh.value.b, rc = rh.value.c;
-    // K = Q R, then W = K Q.
-    const double k00 = qa * ra + qb * rb;
-    const double k01 = qa * rb + qb * rc;
-    const double k10 = ra * qb + rb * qc;
-    const double k11 = rc * qc + qb * rb;
-    const double w00 = qa * k00 + qb * k01;
-    const double w11 = qb * k10 + qc * k11;
-    const double w01 = 0.5 * ((k00 * qb + qc * k01) + (qa * k10 + qb * k11));
-    return {{w00, w01, w11}, ph.positive && qh.positive && rh.positive};
+    const Psd2Power mh = psd2_matrix_power(m00, m01, m11, 0.5);
+    const double ma = mh.value.a, mb = mh.value.b, mc = mh.value.c;
+    // K = Q M^1/2, then R = K Q.
+    const double k00 = qa * ma + qb * mb;
+    const double k01 = qa * mb + qb * mc;
+    const double k10 = ma * qb + mb * qc;
+    const double k11 = mc * qc + qb * mb;
+    const double r00 = qa * k00 + qb * k01;
+    const double r11 = qb * k10 + qc * k11;
+    const double r01 = 0.5 * ((k00 * qb + qc * k01) + (qa * k10 + qb * k11));
+    return {{r00, r01, r11}, ph.positive && qh.positive && mh.positive};
 }
 
-// The 3 x 3 H of a 2 x 2 W, row-major into h.
-DRAVIK_HD inline void psd2_nt_operator(const Psd2Matrix& w, double* h) {
-    const double e = w.b * w.b;
-    const double f = (w.a * kSqrt2) * w.b;
-    const double g = (w.b * kSqrt2) * w.c;
-    h[0] = w.a * w.a;
+// The 3 x 3 H of a 2 x 2 congruence matrix R, row-major into h.
+DRAVIK_HD inline void psd2_nt_operator(const Psd2Matrix& r, double* h) {
+    const double e = r.b * r.b;
+    const double f = (r.a * kSqrt2) * r.b;
+    const double g = (r.b * kSqrt2) * r.c;
+    h[0] = r.a * r.a;
     h[1] = f;
     h[2] = e;
     h[3] = f;
-    h[4] = w.a * w.c + e;
+    h[4] = r.a * r.c + e;
     h[5] = g;
     h[6] = e;
     h[7] = g;
-    h[8] = w.c * w.c;
+    h[8] = r.c * r.c;
 }
 
 }  // namespace dravik::mirel::cones::cpp

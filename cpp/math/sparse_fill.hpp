@@ -2,7 +2,8 @@
 // fill runs, on the host and in the kernels. The cone's rows form a grid of
 // `items` diagonal blocks of `block_rows` rows each, starting at row and
 // column `row_offset`; a stored entry whose row and column fall in the same
-// item's block gets value(item, i, j) (i, j local to the block). What
+// item's block gets value.row(item, i)(j) (i, j local to the block; the row
+// evaluator is made once per row). What
 // happens to the other stored entries of the grid's rows is the fill's
 // choice: the documented fills write 0.0 there, the solver kit's fills
 // leave them as they are (the solver's coupling entries).
@@ -69,16 +70,18 @@ struct SkipBadPattern {
     }
 };
 
-// The entry at position p of a row of local row r (item, i) whose column
-// index is c.
-template <class Pattern, class Value>
-DRAVIK_HD void fill_entry(const FillGrid& grid, const Pattern& pattern, const Value& value,
-                          OffBlock off_block, size_t item, size_t i, int64_t c,
+// The stored entry `slot` of a row whose values row(j) are taken, and whose
+// column index is c: inside the item's block when c - item_begin <
+// block_rows (item_begin = row_offset + item * block_rows; a column left of
+// the block wraps around to a large difference).
+template <class Pattern, class Row>
+DRAVIK_HD void fill_entry(const FillGrid& grid, const Pattern& pattern, const Row& row,
+                          OffBlock off_block, size_t item_begin, int64_t c,
                           const char* negative_column, double* slot) {
     pattern.index(c, negative_column);
-    size_t col = 0;
-    if (grid.locate(c, &col) && col / grid.block_rows == item) {
-        *slot = value(item, i, col % grid.block_rows);
+    const size_t j = static_cast<size_t>(c) - item_begin;
+    if (c >= 0 && j < grid.block_rows) {
+        *slot = row(j);
     } else if (off_block == OffBlock::Zero) {
         *slot = 0.0;
     }
@@ -94,9 +97,10 @@ DRAVIK_HD void fill_csr_rows(const FillGrid& grid, const int64_t* indptr, const 
         size_t begin = 0, end = 0;
         pattern.row_span(indptr[g], indptr[g + 1], nnz, &begin, &end);
         const size_t item = r / grid.block_rows;
-        const size_t i = r % grid.block_rows;
+        const size_t item_begin = grid.row_offset + item * grid.block_rows;
+        const auto row = value.row(item, r - item * grid.block_rows);
         for (size_t p = begin + lane; p < end; p += lanes) {
-            fill_entry(grid, pattern, value, off_block, item, i, indices[p], kCsrIndexNegative,
+            fill_entry(grid, pattern, row, off_block, item_begin, indices[p], kCsrIndexNegative,
                        values + p);
         }
     }
@@ -113,8 +117,10 @@ DRAVIK_HD void fill_coo_entries(const FillGrid& grid, const int64_t* row_indices
         pattern.index(r, kCooRowNegative);
         size_t row = 0;
         if (!grid.locate(r, &row)) continue;
-        fill_entry(grid, pattern, value, off_block, row / grid.block_rows,
-                   row % grid.block_rows, col_indices[p], kCooColNegative, values + p);
+        const size_t item = row / grid.block_rows;
+        fill_entry(grid, pattern, value.row(item, row - item * grid.block_rows), off_block,
+                   grid.row_offset + item * grid.block_rows, col_indices[p], kCooColNegative,
+                   values + p);
     }
 }
 

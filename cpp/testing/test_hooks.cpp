@@ -3,10 +3,11 @@
 // that the module's documented surface does not show: the two Jacobi pivot
 // searches (whose results must agree to the bit), the 2 x 2 closed forms,
 // the PSD NT scaling formulas and the guarded sparse-fill traversals that
-// the device kernels run, on host arrays, the host's PSD scaling point W,
-// the PSD device entry points' routes, and the exponential cone's per-block
-// barrier Hessian, Euclidean projection onto K, membership tests and scaling
-// with its fall-back flag (exp_kit_hooks.hpp). It compiles the host sources it
+// the device kernels run, on host arrays, the host's PSD congruence matrix
+// R, the PSD device entry points' routes, and the exponential cone's
+// per-block barrier Hessian, Euclidean projection onto K, membership tests
+// and scaling with its fall-back flag (exp_kit_hooks.hpp). It compiles the
+// host sources it
 // needs with the module's floating-point flags, so the bits are the same.
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
@@ -68,26 +69,26 @@ nb::tuple decompose(JacobiFn jacobi, Input matrix, uint64_t n) {
     return nb::make_tuple(owned(std::move(values), {n}), owned(std::move(v), {n, n}));
 }
 
-// The dim x dim matrix `values` as a NumPy array.
-nb::ndarray<nb::numpy, double> square(std::vector<double> values, uint64_t dim) {
-    return owned(std::move(values), {dim, dim});
+// The n x n matrix `values` as a NumPy array.
+nb::ndarray<nb::numpy, double> square(std::vector<double> values, uint64_t n) {
+    return owned(std::move(values), {n, n});
 }
 
 // One block's NT scaling as the kernels compute it (z / s, the 2 x 2 closed
-// form, or W in private arrays and then the operator entries), NaN where
-// the block is not positive definite.
+// form, or the congruence matrix R in private arrays and then the operator
+// entries), NaN where the block is not positive definite.
 std::vector<double> device_block(const double* s, const double* z, uint64_t n) {
     const uint64_t rows = cones::svec_length(n);
     std::vector<double> h(rows * rows);
     if (n == 1) {
         h[0] = cones::psd1_nt_scaling_entry(s[0], z[0]);
     } else if (n == 2) {
-        cones::psd2_nt_operator(cones::psd2_nt_w(s, z).w, h.data());
+        cones::psd2_nt_operator(cones::psd2_nt_congruence(s, z).r, h.data());
     } else {
-        std::vector<double> w(n * n);
-        cones::psd_nt_w_private(s, z, n, w.data());
+        std::vector<double> r(n * n);
+        cones::psd_nt_congruence_private(s, z, n, r.data());
         for (uint64_t e = 0; e < rows * rows; ++e) {
-            h[e] = cones::psd_nt_operator_entry(w.data(), n, e / rows, e % rows);
+            h[e] = cones::psd_nt_operator_entry(r.data(), n, e / rows, e % rows);
         }
     }
     return h;
@@ -110,12 +111,12 @@ dravik::cuda::PsdNtEntry entry_named(const std::string& name) {
     if (name == "batch") return PsdNtEntry::Batch;
     if (name == "custom") return PsdNtEntry::Custom;
     if (name == "cublas") return PsdNtEntry::Cublas;
-    if (name == "w") return PsdNtEntry::W;
+    if (name == "w") return PsdNtEntry::Congruence;
     cones::fail("unknown entry point " + name);
 }
 
 void require_private_order(uint64_t n) {
-    if (n == 0 || n > cones::kPsdPrivateOrder) cones::fail("dim must be 1 to 32");
+    if (n == 0 || n > cones::kPsdPrivateOrder) cones::fail("order must be 1 to 32");
 }
 
 // The two builds of the host loops (AVX2 and baseline x86-64) must agree to
@@ -153,17 +154,17 @@ nb::dict host_loop_results(const std::string& build, Input input, double bound, 
     return out;
 }
 
-// A batch of second-order W by one build of the column loops, on the OpenMP
+// A batch of second-order H by one build of the column loops, on the OpenMP
 // team from n = 256 on as in the module.
 nb::ndarray<nb::numpy, double> soc_nt_scaling_batch(const std::string& build, Input s, Input z,
                                                     uint64_t n, uint64_t batch) {
     require_length(s, n * batch, "s");
     require_length(z, n * batch, "z");
-    std::vector<double> w(n * n * batch, 0.0);
-    cones::SocNtScaling(n, cones::kSocNtNotInterior, cones::SocColumnThreads::TeamForLargeDims,
+    std::vector<double> h(n * n * batch, 0.0);
+    cones::SocNtScaling(n, cones::kSocNtNotInterior, cones::SocColumnThreads::TeamForLargeRows,
                         loops_named(build))
-        .write_batch(s.data(), z.data(), w.data(), batch);
-    return owned(std::move(w), {batch, n, n});
+        .write_batch(s.data(), z.data(), h.data(), batch);
+    return owned(std::move(h), {batch, n, n});
 }
 
 }  // namespace
@@ -171,14 +172,14 @@ nb::ndarray<nb::numpy, double> soc_nt_scaling_batch(const std::string& build, In
 NB_MODULE(_cpp_cuda_test_hooks, m) {
     m.def(
         "jacobi_eigh",
-        [](Input matrix, uint64_t dim) { return decompose(cones::jacobi_eigh, matrix, dim); },
-        "matrix"_a.noconvert(), "dim"_a);
+        [](Input matrix, uint64_t order) { return decompose(cones::jacobi_eigh, matrix, order); },
+        "matrix"_a.noconvert(), "order"_a);
     m.def(
         "jacobi_eigh_reference",
-        [](Input matrix, uint64_t dim) {
-            return decompose(cones::jacobi_eigh_full_scan, matrix, dim);
+        [](Input matrix, uint64_t order) {
+            return decompose(cones::jacobi_eigh_full_scan, matrix, order);
         },
-        "matrix"_a.noconvert(), "dim"_a);
+        "matrix"_a.noconvert(), "order"_a);
     // (projection, violation) of a 2 x 2 svec by the device's closed forms.
     m.def(
         "psd2_closed_form",
@@ -189,64 +190,67 @@ NB_MODULE(_cpp_cuda_test_hooks, m) {
             return nb::make_tuple(owned(std::move(out), {3}), cones::psd2_violation(svec.data()));
         },
         "svec"_a.noconvert());
-    // The host's scaling point W (raises the "matrices" message).
+    // The host's congruence matrix R (raises the "matrices" message).
     m.def(
-        "psd_nt_w",
-        [](Input s, Input z, uint64_t dim) {
-            cones::require_psd_order(dim);
-            require_length(s, cones::svec_length(dim), "s");
-            require_length(z, cones::svec_length(dim), "z");
-            return square(cones::psd_nt_w(s.data(), z.data(), dim), dim);
+        "psd_nt_congruence",
+        [](Input s, Input z, uint64_t order) {
+            cones::require_psd_order(order);
+            require_length(s, cones::svec_length(order), "s");
+            require_length(z, cones::svec_length(order), "z");
+            return square(cones::psd_nt_congruence(s.data(), z.data(), order), order);
         },
-        "s"_a.noconvert(), "z"_a.noconvert(), "dim"_a);
-    // W as the custom kernel computes it, in its private arrays (dim <= 32).
+        "s"_a.noconvert(), "z"_a.noconvert(), "order"_a);
+    // R as the custom kernel computes it, in its private arrays (order <= 32).
     m.def(
-        "psd_nt_w_private",
-        [](Input s, Input z, uint64_t dim) {
-            require_private_order(dim);
-            require_length(s, cones::svec_length(dim), "s");
-            require_length(z, cones::svec_length(dim), "z");
-            std::vector<double> w(dim * dim);
-            cones::psd_nt_w_private(s.data(), z.data(), dim, w.data());
-            return square(std::move(w), dim);
+        "psd_nt_congruence_private",
+        [](Input s, Input z, uint64_t order) {
+            require_private_order(order);
+            require_length(s, cones::svec_length(order), "s");
+            require_length(z, cones::svec_length(order), "z");
+            std::vector<double> r(order * order);
+            cones::psd_nt_congruence_private(s.data(), z.data(), order, r.data());
+            return square(std::move(r), order);
         },
-        "s"_a.noconvert(), "z"_a.noconvert(), "dim"_a);
-    // One block's H as the kernels compute it (dim <= 32), rows x rows.
+        "s"_a.noconvert(), "z"_a.noconvert(), "order"_a);
+    // One block's H as the kernels compute it (order <= 32), rows x rows.
     m.def(
         "psd_nt_block_device",
-        [](Input s, Input z, uint64_t dim) {
-            require_private_order(dim);
-            require_length(s, cones::svec_length(dim), "s");
-            require_length(z, cones::svec_length(dim), "z");
-            return square(device_block(s.data(), z.data(), dim), cones::svec_length(dim));
+        [](Input s, Input z, uint64_t order) {
+            require_private_order(order);
+            require_length(s, cones::svec_length(order), "s");
+            require_length(z, cones::svec_length(order), "z");
+            return square(device_block(s.data(), z.data(), order), cones::svec_length(order));
         },
-        "s"_a.noconvert(), "z"_a.noconvert(), "dim"_a);
+        "s"_a.noconvert(), "z"_a.noconvert(), "order"_a);
     // V diag(pow(lambda, p)) V^T as the reconstruction after cuSOLVER forms
-    // it: eigenvector k is the k-th run of dim values of `vectors`.
+    // it: eigenvector k is the k-th run of `order` values of `vectors`.
     m.def(
         "psd_power_from_eigenpairs",
-        [](Input vectors, Input values, uint64_t dim, double p) {
-            cones::require_psd_order(dim);
-            require_length(vectors, dim * dim, "vectors");
-            require_length(values, dim, "values");
-            std::vector<double> mu(dim);
-            for (uint64_t k = 0; k < dim; ++k) mu[k] = cones::psd_eigen_power(values.data()[k], p);
-            std::vector<double> out(dim * dim);
-            for (uint64_t e = 0; e < dim * dim; ++e) {
-                out[e] = cones::psd_power_entry(vectors.data(), 1, dim, mu.data(), dim, e / dim,
-                                                e % dim);
+        [](Input vectors, Input values, uint64_t order, double p) {
+            cones::require_psd_order(order);
+            require_length(vectors, order * order, "vectors");
+            require_length(values, order, "values");
+            std::vector<double> mu(order);
+            for (uint64_t k = 0; k < order; ++k) {
+                mu[k] = cones::psd_eigen_power(values.data()[k], p);
             }
-            return square(std::move(out), dim);
+            std::vector<double> out(order * order);
+            for (uint64_t e = 0; e < order * order; ++e) {
+                out[e] = cones::psd_power_entry(vectors.data(), 1, order, mu.data(), order,
+                                                e / order, e % order);
+            }
+            return square(std::move(out), order);
         },
-        "vectors"_a.noconvert(), "values"_a.noconvert(), "dim"_a, "p"_a);
-    // The route a PSD device entry point ("batch", "custom", "cublas", "w")
-    // takes for (dim, batch), or its size refusal.
+        "vectors"_a.noconvert(), "values"_a.noconvert(), "order"_a, "p"_a);
+    // The route a PSD device entry point ("batch", "custom", "cublas", or "w"
+    // for the congruence output) takes for (order, batch), or its size
+    // refusal.
     m.def(
         "psd_nt_route",
-        [](const std::string& entry, uint64_t dim, uint64_t batch) {
-            return route_name(dravik::cuda::psd_nt_route(entry_named(entry), dim, batch));
+        [](const std::string& entry, uint64_t order, uint64_t batch) {
+            return route_name(dravik::cuda::psd_nt_route(entry_named(entry), order, batch));
         },
-        "entry"_a, "dim"_a, "batch"_a);
+        "entry"_a, "order"_a, "batch"_a);
     m.def(
         "svec_position",
         [](uint64_t k) {

@@ -49,12 +49,6 @@ void fill_unit_vector(double* destination, uint64_t n, uint64_t index) {
     destination[index] = 1.0;
 }
 
-std::vector<double> identity_values(uint64_t n) {
-    std::vector<double> m(n * n, 0.0);
-    for (uint64_t k = 0; k < n; ++k) m[k * (n + 1)] = 1.0;
-    return m;
-}
-
 OwnedArray identity_array(uint64_t n) {
     OwnedArray out = make_owned_matrix(n, "identity matrix");
     write_identity_diagonal(out.data(), n);
@@ -66,14 +60,6 @@ OwnedArray dense_matrix_array(const std::vector<double>& values, uint64_t n, con
     OwnedArray out = make_owned_matrix(n, what);
     for (uint64_t i = 0; i < n * n; ++i) out.data()[i] = values[i];
     return out;
-}
-
-std::vector<double> diagonal_ratio_values(const double* a, const double* b, uint64_t n,
-                                          const char* what) {
-    require_positive_pairs(a, b, n, not_positive_message(what));
-    std::vector<double> m(n * n, 0.0);
-    for (uint64_t i = 0; i < n; ++i) m[i * (n + 1)] = a[i] / b[i];
-    return m;
 }
 
 OwnedArray diagonal_ratio_array(const double* a, const double* b, uint64_t n, const char* what) {

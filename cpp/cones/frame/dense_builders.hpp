@@ -30,12 +30,11 @@ struct UnitVectors {
     }
 };
 
-std::vector<double> identity_values(uint64_t n);
 OwnedArray identity_array(uint64_t n);
 OwnedArray dense_matrix_array(const std::vector<double>& values, uint64_t n, const char* what);
 
-std::vector<double> diagonal_ratio_values(const double* a, const double* b, uint64_t n,
-                                          const char* what);
+// diag(a / b) after the positivity test of every pair (a[i], b[i]), which
+// raises what + " requires strictly positive interior inputs".
 OwnedArray diagonal_ratio_array(const double* a, const double* b, uint64_t n, const char* what);
 
 std::vector<double> rank_two_map_values(const double* a, const double* b, uint64_t n,

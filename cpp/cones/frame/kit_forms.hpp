@@ -5,12 +5,12 @@
 // per-item kit math (math/<cone>_kit.hpp) and turns a refused item into
 // its message. A cone provides:
 //   kit()          the kit math of one item;
-//   kit_part(), kit_parts()
-//                  the kit of one independent part of an item and how many
-//                  parts an item has (the nonnegative cone's entries; one
-//                  part, the item itself, for the other cones): the
-//                  entrywise operations loop over parts, the Hessian forms
-//                  over whole items;
+//   kEntrywise     true when its kit works unit by unit, a unit being
+//                  kUnitRows entries (the nonnegative cone's entries, the
+//                  exponential cone's 3-blocks): the host then runs the
+//                  entrywise operations over runs of kEntryRun units of the
+//                  whole batch, with kit_of(units) the kit of such a run
+//                  (the Hessian forms see whole items either way);
 //   kit_size()     the size its device entry points take (rows, the PSD
 //                  order or the exponential blocks);
 //   kit_label()    the cone's name in messages ("SOC", "PSD", ...);
@@ -154,6 +154,18 @@ ItemsOutcome run_kit_items(uint64_t count, uint64_t work, uint64_t scratch_lengt
          " " + what);
 }
 
+// Where one part of a host call lies: its first entry and first scaling
+// double, and the kit that works on it.
+template <class Kit>
+struct KitPart {
+    Kit kit;
+    uint64_t entry;
+    uint64_t scaling;
+};
+
+// Entries per run of an entrywise cone's host loop.
+constexpr uint64_t kEntryRun = 512;
+
 template <class Cone>
 class KitForms {
 public:
@@ -161,11 +173,13 @@ public:
         const VectorView out =
             checked_vector_view(output, kit_length(rows(), batch, "rows * batch"), "out");
         run_on(
-            out, [&](int device) { device_fns().identity(out.data, size(), batch, device, as_stream(stream)); },
+            out,
+            [&](int device) {
+                device_fns().identity(out.data, size(), batch, device, as_stream(stream));
+            },
             [&] {
-                const auto part = self().kit_part();
-                run_kit_items(parts(batch), part.rows(), 0, [&](uint64_t k, double*, double*) {
-                    part.identity(out.data + k * part.rows());
+                over_parts(batch, [&](const auto& part, double*, double*) {
+                    part.kit.identity(out.data + part.entry);
                     return 0;
                 });
             });
@@ -183,20 +197,18 @@ public:
                                              as_stream(stream));
             },
             [&] {
-                const auto part = self().kit_part();
-                const uint64_t n = part.rows();
-                const ItemsOutcome outcome = run_kit_items(
-                    parts(batch), n, part.scratch_length(),
-                    [&](uint64_t k, double* scratch, double* least) {
+                const ItemsOutcome outcome =
+                    over_parts(batch, [&](const auto& part, double* scratch, double* least) {
                         double alpha = INFINITY;
-                        if (!part.max_step(xv.data + k * n, dv.data + k * n, scratch, &alpha)) {
+                        if (!part.kit.max_step(xv.data + part.entry, dv.data + part.entry,
+                                               scratch, &alpha)) {
                             return 1;
                         }
                         *least = least_of(*least, alpha);
                         return 0;
                     });
-                if (outcome.first_refused < parts(batch)) {
-                    kit_refuse(label(), "max_step", "x", item_of(outcome.first_refused),
+                if (outcome.first_refused < batch) {
+                    kit_refuse(label(), "max_step", "x", outcome.first_refused,
                                "is not in the cone");
                 }
                 return outcome.least;
@@ -222,19 +234,17 @@ public:
                                         as_stream(stream));
             },
             [&] {
-                const auto part = self().kit_part();
-                const uint64_t n = part.rows(), m = part.scaling_length();
-                const ItemsOutcome outcome = run_kit_items(
-                    parts(batch), n + m, part.scratch_length(),
-                    [&](uint64_t k, double* scratch, double*) {
-                        return static_cast<int>(part.nt_scaling(
-                            sv.data + k * n, zv.data + k * n, mu, scratch, out.data + k * m));
+                const ItemsOutcome outcome =
+                    over_parts(batch, [&](const auto& part, double* scratch, double*) {
+                        return static_cast<int>(
+                            part.kit.nt_scaling(sv.data + part.entry, zv.data + part.entry, mu,
+                                                scratch, out.data + part.scaling));
                     });
-                if (outcome.first_refused == parts(batch)) return;
+                if (outcome.first_refused == batch) return;
                 const bool z_refused =
                     outcome.code == static_cast<int>(KitStatus::SecondNotInterior);
-                kit_refuse(label(), "NT scaling", z_refused ? "z" : "s",
-                           item_of(outcome.first_refused), "is not strictly interior");
+                kit_refuse(label(), "NT scaling", z_refused ? "z" : "s", outcome.first_refused,
+                           "is not strictly interior");
             });
     }
 
@@ -251,10 +261,8 @@ public:
                                              as_stream(stream));
             },
             [&] {
-                const auto part = self().kit_part();
-                const uint64_t n = part.rows(), m = part.scaling_length();
-                run_kit_items(parts(batch), n + m, 0, [&](uint64_t k, double*, double*) {
-                    part.scaled_point(sc.data + k * m, out.data + k * n);
+                over_parts(batch, [&](const auto& part, double*, double*) {
+                    part.kit.scaled_point(sc.data + part.scaling, out.data + part.entry);
                     return 0;
                 });
             });
@@ -275,17 +283,13 @@ public:
                                       as_stream(stream));
             },
             [&] {
-                const auto part = self().kit_part();
-                const uint64_t n = part.rows(), m = part.scaling_length();
-                run_kit_items(parts(batch), n + m, part.scratch_length(),
-                              [&](uint64_t k, double* scratch, double*) {
-                                  part.apply(sc.data + k * m, xv.data + k * n, inverse, scratch,
-                                             out.data + k * n);
-                                  return 0;
-                              });
+                over_parts(batch, [&](const auto& part, double* scratch, double*) {
+                    part.kit.apply(sc.data + part.scaling, xv.data + part.entry, inverse, scratch,
+                                   out.data + part.entry);
+                    return 0;
+                });
             });
     }
-
     void nt_hessian_into(const ArrayRef& scaling, const ArrayRef& output, uint64_t batch,
                          bool inverse, uint64_t stream) const {
         const uint64_t n = rows();
@@ -387,8 +391,55 @@ private:
     uint64_t size() const { return self().kit_size(); }
     const char* label() const { return Cone::kit_label(); }
     const KitDeviceFns& device_fns() const { return Cone::kit_device(); }
-    uint64_t parts(uint64_t batch) const { return self().kit_parts() * batch; }
-    uint64_t item_of(uint64_t part) const { return part / self().kit_parts(); }
+
+    // Runs body(part, scratch, &least) over the parts of a host call (see
+    // KitPart): whole items, or runs of an entrywise cone's units, in
+    // which case a refused run is walked again unit by unit to find the
+    // refused unit. The outcome names the first refused item (batch when
+    // none was refused).
+    template <class Body>
+    ItemsOutcome over_parts(uint64_t batch, Body&& body) const {
+        if constexpr (Cone::kEntrywise) {
+            constexpr uint64_t unit_rows = Cone::kUnitRows;
+            const uint64_t units_per_item = rows() / unit_rows;
+            const uint64_t total = units_per_item * batch;
+            const auto unit = self().kit_of(1);
+            const uint64_t per_unit = unit.scaling_length();
+            auto run = [&](uint64_t first, uint64_t length) {
+                return KitPart<decltype(unit)>{self().kit_of(length), first * unit_rows,
+                                               first * per_unit};
+            };
+            const uint64_t runs = (total + kEntryRun - 1) / kEntryRun;
+            auto length_of = [&](uint64_t k) {
+                return total - k * kEntryRun < kEntryRun ? total - k * kEntryRun : kEntryRun;
+            };
+            ItemsOutcome outcome = run_kit_items(
+                runs, kEntryRun * (unit_rows + per_unit), unit.scratch_length(),
+                [&](uint64_t k, double* scratch, double* least) {
+                    return body(run(k * kEntryRun, length_of(k)), scratch, least);
+                });
+            if (outcome.first_refused == runs) {
+                outcome.first_refused = batch;
+                return outcome;
+            }
+            const uint64_t first = outcome.first_refused * kEntryRun;
+            std::vector<double> scratch(unit.scratch_length());
+            for (uint64_t e = first; e < first + length_of(outcome.first_refused); ++e) {
+                double least = INFINITY;
+                const int code = body(run(e, 1), scratch.data(), &least);
+                if (code != 0) return {e / units_per_item, code, outcome.least};
+            }
+            return {batch, 0, outcome.least};  // not reached: the run refused a unit
+        } else {
+            const auto kit = self().kit();
+            const uint64_t n = kit.rows(), m = kit.scaling_length();
+            return run_kit_items(batch, n + m, kit.scratch_length(),
+                                 [&](uint64_t b, double* scratch, double* least) {
+                                     return body(KitPart<decltype(kit)>{kit, b * n, b * m},
+                                                 scratch, least);
+                                 });
+        }
+    }
 
     // Two inputs of rows * batch entries and an output like them; only the
     // Jordan division refuses (lam not strictly interior).
@@ -408,17 +459,14 @@ private:
                 device_fn(av.data, bv.data, out.data, size(), batch, device, as_stream(stream));
             },
             [&] {
-                const auto part = self().kit_part();
-                const uint64_t n = part.rows();
                 const ItemsOutcome outcome =
-                    run_kit_items(parts(batch), n, part.scratch_length(),
-                                  [&](uint64_t k, double* scratch, double*) {
-                                      return op(part, av.data + k * n, bv.data + k * n, scratch,
-                                                out.data + k * n);
-                                  });
-                if (outcome.first_refused < parts(batch)) {
-                    kit_refuse(label(), "Jordan division", a_name,
-                               item_of(outcome.first_refused), "is not strictly interior");
+                    over_parts(batch, [&](const auto& part, double* scratch, double*) {
+                        return op(part.kit, av.data + part.entry, bv.data + part.entry, scratch,
+                                  out.data + part.entry);
+                    });
+                if (outcome.first_refused < batch) {
+                    kit_refuse(label(), "Jordan division", a_name, outcome.first_refused,
+                               "is not strictly interior");
                 }
             });
     }
